@@ -1,0 +1,54 @@
+/*
+ * kolvvessa_index.h - the PostgreSQL index of all objects: connection,
+ * indexing, reindex and listing.
+ */
+#ifndef KOLVVESSA_INDEX_H
+#define KOLVVESSA_INDEX_H
+
+#include <json/json.h>
+#include <kolvplatform/kolv_platform.h>
+
+#include <string>
+
+#include "kolvvessa_export.h"
+
+class KOLV_VESSA_OBJECT;
+
+/* The process's one index connection, opened (and the database created)
+ * on first use. NULL with 1024 or 1025. Never close it yourself. */
+KOLV_EXPORT KOLVDB *KOLVVessaOpenConn(void);
+/* Does nothing: the connection lives until process exit. */
+KOLV_EXPORT void KOLVVessaCloseConn(void);
+/* At exit of the opener: closes the connection and forks the vacuum
+ * counter. */
+KOLV_EXPORT void KOLVVessaCloseGlobalConn(void);
+/* Forks the child that counts exits and vacuums past 50000; the child's
+ * pid (negative when the fork failed). */
+KOLV_EXPORT int KOLVVessaCheckVaccum(void);
+/* Empties and rebuilds the index from the repository, for jParam["ns"]
+ * only when given. 1000 on failure. */
+KOLV_EXPORT bool KOLVVessaReindex(const Json::Value &jParam);
+
+/* Upserts the row of one object, read as requester. */
+KOLV_EXPORT bool KOLVVessaObjectIndex(const char *szID, const char *szNs, uid_t requester);
+KOLV_EXPORT bool KOLVVessaObjectIndexEx(KOLVDB *pConn, const char *szID, const char *szNs, uid_t requester);
+/* Replaces the rows of every object of a chain in one statement. */
+KOLV_EXPORT bool KOLVVessaObjectBatchIndex(KOLV_VESSA_OBJECT *pList);
+KOLV_EXPORT bool KOLVVessaObjectBatchIndexEx(KOLV_VESSA_OBJECT *pList, KOLVDB *pConn);
+/* The escaped value tuple of one object, read as owner. */
+KOLV_EXPORT bool KOLVVessaObjectCreateIndexValue(const char *szID, const char *szNs, uid_t owner,
+                                                 std::string &strOut);
+/* "(" + quoted, escaped, comma-separated strings + ")"; a string gives one
+ * element. Errors are appended to the stack and shorten the list. */
+KOLV_EXPORT std::string KOLVVessaObjectEscapeStringArray(const Json::Value &jsArray);
+
+/* Lists objects from the index: the requester's own first (newest first),
+ * then the shared ones. The chain at *ppHead is owned by the caller (free
+ * with KOLVVessaObjectFreeList). Returns the count (= total), negative on
+ * failure. */
+KOLV_EXPORT int KOLVVessaObjectList(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, unsigned int &total);
+/* The same from a string hash: "ns", "requester", and "filter", "field"
+ * as JSON text, "offset", "limit" in decimal. */
+KOLV_EXPORT int KOLVVessaObjectList(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT **ppHead, unsigned int &total);
+
+#endif /* KOLVVESSA_INDEX_H */

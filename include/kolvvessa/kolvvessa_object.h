@@ -1,0 +1,161 @@
+/*
+ * kolvvessa_object.h - the object record, its list, and the operations on
+ * one object.
+ *
+ * Operations take a parameter record (a JSON object; "requester" is the
+ * acting uid, 0 for the system) and return bool or a count, negative on
+ * failure, leaving the reason on the error stack (kolvvessa_error.h).
+ */
+#ifndef KOLVVESSA_OBJECT_H
+#define KOLVVESSA_OBJECT_H
+
+#include <json/json.h>
+#include <kolvplatform/kolv_platform.h>
+
+#include <string>
+
+#include "kolvvessa_export.h"
+
+struct KOLV_VESSA_OBJECT_IMPL;
+
+/* One object. Not shared between threads while being filled. */
+class KOLV_EXPORT KOLV_VESSA_OBJECT {
+  public:
+    KOLV_VESSA_OBJECT();
+    /* Frees the record's data; does not follow m_next. */
+    ~KOLV_VESSA_OBJECT();
+    KOLV_VESSA_OBJECT(const KOLV_VESSA_OBJECT &) = delete;
+    KOLV_VESSA_OBJECT &operator=(const KOLV_VESSA_OBJECT &) = delete;
+
+    /* Resets every field (owner becomes UID_ERR); path_info and perm stay. */
+    void clear();
+
+    std::string get_ns() const;
+    std::string get_id() const;
+    std::string get_category() const;
+    std::string get_version() const;
+    std::string get_perm() const;
+    Json::Value get_commit_msg() const;
+    std::string get_parent_id() const;
+    unsigned long get_owner() const;
+    Json::Value get_metatext() const;
+    Json::Value get_text() const;
+    Json::Value get_metabinary_info() const;
+    Json::Value get_binary_info() const;
+    Json::Value get_path_info() const;
+    Json::Value get_acl() const;
+    long get_ctime() const;
+    long get_mtime() const;
+    Json::Value get_extra_info() const;
+
+    void set_ns(const std::string &str);
+    void set_id(const std::string &str);
+    void set_category(const std::string &str);
+    void set_version(const std::string &str);
+    void set_perm(const std::string &str);
+    void set_commit_msg(const Json::Value &j);
+    void set_parent_id(const std::string &str);
+    void set_owner(unsigned long owner);
+    void set_metatext(const Json::Value &j);
+    void set_text(const Json::Value &j);
+    void set_metabinary_info(const Json::Value &j);
+    void set_binary_info(const Json::Value &j);
+    void set_path_info(const Json::Value &j);
+    void set_acl(const Json::Value &j);
+    void set_ctime(long t);
+    void set_mtime(long t);
+    void set_extra_info(const Json::Value &j);
+
+    /* Writes the selected fields into jRet (must be an object: else 1015).
+     * The ACL only for perm "owner"/"rw" or when blForceAcl. */
+    bool toJson(const Json::Value &jSelection, Json::Value &jRet, bool blForceAcl = false) const;
+    /* Sets every member whose key jVal has; 3328 on the platform stack when
+     * jVal is not an object. */
+    bool fromJson(const Json::Value &jVal);
+
+    /* Reads one object for jParm["requester"] into this object ({"ns",
+     * "id", "requester", "version"?, "field"?}). On failure the object is
+     * cleared. Codes 1007, 1010 and those of the checks it appends to. */
+    bool Get(const Json::Value &jParm);
+    /* Creates an object and leaves it, as read back, in this object. */
+    bool Create(const Json::Value &jParm);
+    /* Creates through a temporary object; gives the new id and version. */
+    bool Create(const Json::Value &jsParm, std::string &strNewID, std::string &strNewVer);
+    /* Copies object jParm["id"] into a new object of the requester. */
+    bool Copy(const Json::Value &jParm);
+    bool Copy(const Json::Value &jsParm, std::string &strNewID, std::string &strNewVer);
+    /* Changes an object and leaves it, as read back, in this object. */
+    bool Set(const Json::Value &jParm);
+    /* Changes through a temporary object; gives the new version. */
+    bool Set(const Json::Value &jsParm, std::string &strNewVer);
+
+    KOLV_VESSA_OBJECT *m_next;
+    Json::Value m_param;
+    KOLV_VESSA_OBJECT_IMPL *m_impl;
+};
+
+/* A chain of objects; owns every object in it. */
+class KOLV_EXPORT KOLV_VESSA_OBJECT_LIST {
+  public:
+    KOLV_VESSA_OBJECT_LIST();
+    ~KOLV_VESSA_OBJECT_LIST();
+    KOLV_VESSA_OBJECT_LIST(const KOLV_VESSA_OBJECT_LIST &) = delete;
+    KOLV_VESSA_OBJECT_LIST &operator=(const KOLV_VESSA_OBJECT_LIST &) = delete;
+
+    /* Frees the whole chain. */
+    void clear();
+    /* Reads one object; on success the list holds exactly it, on failure
+     * the old chain stays. */
+    bool GetObject(const Json::Value &jParm);
+    /* Lists objects from the index into the list (replacing its chain).
+     * Returns the count, negative on failure. */
+    int ListObject(const Json::Value &jParm, unsigned int &total);
+
+    KOLV_VESSA_OBJECT *m_head;
+};
+
+extern "C" {
+
+/* A new empty object (free with KOLVVessaObjectFreeList); NULL with 1014. */
+KOLV_EXPORT KOLV_VESSA_OBJECT *KOLVVessaObjectAlloc(void);
+/* Destroys every object of a chain; NULL is allowed. */
+KOLV_EXPORT void KOLVVessaObjectFreeList(KOLV_VESSA_OBJECT *pObject);
+/* clear() on a non-NULL object. */
+KOLV_EXPORT void KOLVVessaObjectClear(KOLV_VESSA_OBJECT *pObject);
+/* The next object of a chain (NULL at the end or for NULL). */
+KOLV_EXPORT KOLV_VESSA_OBJECT *KOLVVessaObjectNext(KOLV_VESSA_OBJECT *pObject);
+
+/* Does nothing and returns 1 (reserved for the callers' activity log). */
+KOLV_EXPORT int KOLVVessaObjectLog(int result, int action, const KOLV_VESSA_OBJECT *pOld,
+                                   const KOLV_VESSA_OBJECT *pNew);
+
+} /* extern "C" */
+
+/* One row of the activity-log table. */
+typedef struct _tag_kolvvessa_log_string_ {
+    int result;
+    int action;
+    const char *szSection;
+    const char *szKey;
+} KOLVVESSAOBJECT_LOG_STRING;
+
+extern KOLV_EXPORT const KOLVVESSAOBJECT_LOG_STRING KOLVVESSAOBJECT_LOG_STRING_MAP[6];
+
+/* Plain-function entries over a platform string hash ("ns", "id",
+ * "requester" in decimal, "version" ...). */
+
+/* Reads an object into pObject. 1015 for NULL arguments, 1007 for a
+ * missing key or a bad requester. */
+KOLV_EXPORT bool KOLVVessaObjectGet(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT *pObject);
+/* Changes an object: "ns", "id", "requester" and the fields to change as
+ * JSON text ("text", "metatext", "binary_files", "metabinary_files",
+ * "commit_msg", "version", "parent_id", "ctime", "mtime"). Gives the new
+ * version. */
+KOLV_EXPORT bool KOLVVessaObjectSet(TRABSZHASH *pParmHash, std::string &strNewVer);
+/* Copies an object ("ns", "id", "requester"; "parent_id" optional). */
+KOLV_EXPORT bool KOLVVessaObjectCopy(TRABSZHASH *pParmHash, std::string &strNewID, std::string &strNewVer);
+
+#include "kolvvessaobjectgetter.h"
+#include "kolvvessaobjectsetter.h"
+
+#endif /* KOLVVESSA_OBJECT_H */

@@ -1,0 +1,101 @@
+/*
+ * kolvvessaBackend_fs.h - the file-store backend: one directory per object
+ * (repo/ns/id) with basic.json, metatext.json, git_info.json, the meta
+ * binary directories and a git repository "version" for the versioned
+ * text fields and binary files.
+ *
+ * Source files: kolvvessaBackend_fs.cpp (construction, public operations),
+ * utils.cpp (mf_init, path info, field selection, directory readers),
+ * meta.cpp (the JSON files and their merge), metabinary.cpp (the meta
+ * binary store), git.cpp (versions: write, read, list, diff) and
+ * binary.cpp (a version's files on disk).
+ */
+#ifndef KOLVVESSA_BACKEND_FS_H
+#define KOLVVESSA_BACKEND_FS_H
+
+#include <json/json.h>
+#include <kolvplatform/kolv_platform.h>
+
+#include <string>
+
+#include "kolvvessa/kolvvessa_backend.h"
+#include "kolvvessa/kolvvessa_field.h"
+
+class KOLV_VESSA_OBJECT;
+class KOLV_VESSA_OBJECT_VERSION;
+
+class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
+  public:
+    KOLVVESSA_BACKEND_FS();
+    ~KOLVVESSA_BACKEND_FS() override;
+
+    bool Get(const Json::Value &jParm, KOLV_VESSA_OBJECT *pObject) override;
+    int List(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, unsigned int &total) override;
+    bool Download(const Json::Value &jParm) override;
+    bool Set(const Json::Value &jParm, std::string &strNewVer) override;
+    bool FieldRename(const Json::Value &jParm, std::string &strNewVer) override;
+    bool Create(const Json::Value &jParm, std::string &strId, std::string &strNewVer) override;
+    bool Delete(const Json::Value &jParm) override;
+    bool VersionGet(const Json::Value &jParm, KOLV_VESSA_OBJECT_VERSION *pVer) override;
+    bool VersionDiff(const Json::Value &jParm, Json::Value &jDiff) override;
+    int VersionList(const Json::Value &jParm, KOLV_VESSA_OBJECT_VERSION **ppHead, unsigned int &total,
+                    unsigned int &listableTotal) override;
+
+    // ---- layout (utils.cpp) ----
+    bool mf_init(const Json::Value &jParm, bool bCreate = false, KOLV_VESSA_OBJECT *pObject = NULL);
+    bool mf_GetPathInfo(KOLV_VESSA_OBJECT *pObject);
+    bool mf_GetPathInfo(Json::Value &jParm, Json::Value &jPathInfo, KOLV_VESSA_OBJECT *pObject);
+    bool mf_GetPathInfoByBase(const std::string &strBaseDir, Json::Value &jPathInfo);
+    bool mf_GetPathInfoByGitBase(const std::string &strGitDir, Json::Value &jPathInfo);
+    bool mf_CreatePath();
+    bool mf_ResetPathPermission(const std::string &strPath);
+    bool mf_GetBinaryObjectPath(const Json::Value &jIn, Json::Value &jPathInfo);
+    bool mf_GetBinaryInfoPath(std::string &strFile, std::string &strInfo);
+    bool mf_NeedToGet(const char *szType);
+    bool mf_NeedToGetCheckOne(Json::Value &jValue);
+    bool mf_NeedToSave(const char *szType);
+    /* Reads every JSON info file of dir into jOut[decoded name]; when the
+     * request's "field"[szType] is an object, only the names it has. */
+    bool mf_GetBinaryInfoByDir(const std::string &strDir, Json::Value &jOut, const char *szType);
+
+    // ---- JSON files (meta.cpp) ----
+    bool mf_GetJsonFile(const char *szType, Json::Value &jOut);
+    bool mf_GetJsonFile(const char *szType, KOLV_VESSA_OBJECT *pObject);
+    bool mf_GetBasic(KOLV_VESSA_OBJECT *pObject);
+    bool mf_GetMetaText(KOLV_VESSA_OBJECT *pObject);
+    bool mf_SetJsonFile(const char *szType);
+    bool mf_SaveBasic();
+    bool mf_SaveMetaText();
+    bool mf_GetConfigFieldFromJson(const char *szType, Json::Value &jOut);
+    bool mf_MergeAndCheckMtime(const char *szType, Json::Value &jObj, Json::Value &jNew);
+    bool mf_OverrideJsonItem(Json::Value &jObj, Json::Value &jNew, std::string strKey, bool bCheckMtime,
+                             Json::Value &jObjMtime, const char *szType);
+    /* Saves every storage unit the request touches: basic.json,
+     * metatext.json, the meta binary files, then the version. */
+    bool mf_SaveConfig(std::string &strNewVer);
+
+    // ---- meta binary store (metabinary.cpp) ----
+    bool mf_SaveMetaBinary();
+    bool mf_GetMetaBinaryInfo(KOLV_VESSA_OBJECT *pObject, bool blAll);
+    bool mf_GetMetaBinaryInfoByName(const std::string &strName, Json::Value &jInfo);
+
+    // ---- versions (git.cpp, binary.cpp) ----
+    bool mf_SaveGit(std::string &strNewVer);
+    bool mf_GetGit(KOLV_VESSA_OBJECT *pObject);
+    bool mf_LoadGitVersion(std::string &strGitDir, bool &blLatest);
+    bool mf_VersionDataFromDisk(const std::string &strRepoDir, KOLV_VESSA_OBJECT *pObject);
+    int mf_ListVersionGit(KOLV_VESSA_OBJECT_VERSION **ppHead);
+    bool mf_GetVersionGit(KOLV_VESSA_OBJECT_VERSION *pVer);
+    bool mf_DiffVersionGit(Json::Value &jDiff);
+    bool KOLVVessaObjectVersionDataToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash, const Json::Value &jParm,
+                                          const std::string &strDir);
+
+    Json::Value m_jParm;
+    Json::Value m_jPathInfo;
+    Json::Value m_jFieldTable;
+};
+
+/* The MD5 of a file as 32 lowercase hex digits. */
+bool KOLVVessaObjectEvalFileMd5(const char *szPath, std::string &strMd5);
+
+#endif /* KOLVVESSA_BACKEND_FS_H */

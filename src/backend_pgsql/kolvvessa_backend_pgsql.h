@@ -1,0 +1,42 @@
+/*
+ * kolvvessa_backend_pgsql.h - the index backend: answers listings and
+ * removals from the table "object"; the object operations it has nothing
+ * to say to succeed without doing anything.
+ */
+#ifndef KOLVVESSA_BACKEND_PGSQL_H
+#define KOLVVESSA_BACKEND_PGSQL_H
+
+#include <json/json.h>
+#include <kolvplatform/kolv_platform.h>
+
+#include <string>
+
+#include "kolvvessa/kolvvessa_backend.h"
+
+class KOLVVESSA_BACKEND_PGSQL : public KOLVVESSA_BACKEND_OP {
+  public:
+    KOLVVESSA_BACKEND_PGSQL();
+    ~KOLVVESSA_BACKEND_PGSQL() override;
+
+    bool Get(const Json::Value &jParm, KOLV_VESSA_OBJECT *pObject) override;
+    int List(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, unsigned int &total) override;
+    bool Download(const Json::Value &jParm) override;
+    bool Set(const Json::Value &jParm, std::string &strNewVer) override;
+    bool FieldRename(const Json::Value &jParm, std::string &strNewVer) override;
+    bool Create(const Json::Value &jParm, std::string &strId, std::string &strNewVer) override;
+    bool Delete(const Json::Value &jParm) override;
+    bool VersionGet(const Json::Value &jParm, KOLV_VESSA_OBJECT_VERSION *pVer) override;
+    bool VersionDiff(const Json::Value &jParm, Json::Value &jDiff) override;
+    int VersionList(const Json::Value &jParm, KOLV_VESSA_OBJECT_VERSION **ppHead, unsigned int &total,
+                    unsigned int &listableTotal) override;
+
+    /* Fills m_conn from the process's connection on first use. */
+    bool init();
+    /* Runs one select and chains its rows at *ppHead (see List). */
+    int ExecuteSelectObjectList(const Json::Value &jParm, const std::string &strCondition, bool blCheckSharing,
+                                bool blCalcPerm, KOLV_VESSA_OBJECT **ppHead, unsigned int &total);
+
+    KOLVDB *m_conn;
+};
+
+#endif /* KOLVVESSA_BACKEND_PGSQL_H */

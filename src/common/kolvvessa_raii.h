@@ -1,0 +1,72 @@
+/*
+ * kolvvessa_raii.h - owning handles for the C resources the store uses.
+ */
+#ifndef KOLVVESSA_RAII_H
+#define KOLVVESSA_RAII_H
+
+#include <git2.h>
+#include <kolvplatform/kolv_platform.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <memory>
+
+namespace kolv {
+
+template <typename T, void (*Free)(T *)> struct Deleter {
+    void operator()(T *p) const {
+        if (p) Free(p);
+    }
+};
+
+template <typename T, void (*Free)(T *)> using Owned = std::unique_ptr<T, Deleter<T, Free>>;
+
+using GitRepository = Owned<git_repository, git_repository_free>;
+using GitTree = Owned<git_tree, git_tree_free>;
+using GitTreeEntry = Owned<git_tree_entry, git_tree_entry_free>;
+using GitTreeBuilder = Owned<git_treebuilder, git_treebuilder_free>;
+using GitCommit = Owned<git_commit, git_commit_free>;
+using GitReference = Owned<git_reference, git_reference_free>;
+using GitRevwalk = Owned<git_revwalk, git_revwalk_free>;
+using GitDiff = Owned<git_diff, git_diff_free>;
+using GitSignature = Owned<git_signature, git_signature_free>;
+using GitBranchIterator = Owned<git_branch_iterator, git_branch_iterator_free>;
+using GitObject = Owned<git_object, git_object_free>;
+using GitIndex = Owned<git_index, git_index_free>;
+
+using SzHash = Owned<TRABCSzHash, TRABCSzHashFree>;
+using SzList = Owned<TRABCSzList, TRABCSzListFree>;
+using DBResult = Owned<KOLVDBRESULT, KOLVDBFreeResult>;
+
+inline void FreeChars(char *p) { free(p); }
+/* A malloc'ed text, as KOLVDBEscapeStringEX3 returns. */
+using CString = Owned<char, FreeChars>;
+
+struct FileCloser {
+    void operator()(FILE *p) const {
+        if (p) fclose(p);
+    }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+/* A file descriptor closed on scope exit. */
+class Fd {
+  public:
+    explicit Fd(int fd = -1) : m_fd(fd) {}
+    ~Fd() { reset(); }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    int get() const { return m_fd; }
+    void reset(int fd = -1) {
+        if (m_fd >= 0) close(m_fd);
+        m_fd = fd;
+    }
+
+  private:
+    int m_fd;
+};
+
+} // namespace kolv
+
+#endif /* KOLVVESSA_RAII_H */

@@ -1,0 +1,162 @@
+#include "support/kolv_test_support.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "kolvvessa/kolvvessa_error.h"
+
+namespace kolvtest {
+
+namespace {
+
+void MakeDirs(const std::string &strPath) {
+    std::string strCmd = "mkdir -p '" + strPath + "'";
+    ASSERT_EQ(0, system(strCmd.c_str()));
+}
+
+std::string Compact(const Json::Value &j) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, j);
+}
+
+Json::Value User(unsigned uid, const char *szName, bool blExpired, Json::Value jGroups) {
+    Json::Value j;
+    j["uid"] = uid;
+    j["name"] = szName;
+    j["gid"] = 100;
+    j["mail"] = std::string(szName) + "@example.com";
+    j["expired"] = blExpired;
+    j["groups"] = jGroups;
+    return j;
+}
+
+} // namespace
+
+Sysroot::Sysroot() {
+    char szTemplate[] = "/tmp/kolvtest.XXXXXX";
+    char *szDir = mkdtemp(szTemplate);
+    if (!szDir) abort();
+    m_root = szDir;
+    setenv("KOLV_SYSROOT", m_root.c_str(), 1);
+    MakeDirs(m_root + "/volume1/homes");
+    MakeDirs(m_root + "/usr/kolv/etc");
+    MakeDirs(m_root + "/usr/local/libexec/kolvvessa");
+    MakeDirs(m_root + "/tmp");
+    WritePlatformConfig(DefaultPlatformConfig());
+}
+
+Sysroot::~Sysroot() {
+    if (getenv("KOLV_KEEP_SYSROOT")) return;
+    std::string strCmd = "rm -rf '" + m_root + "'";
+    if (system(strCmd.c_str()) != 0) fprintf(stderr, "cannot remove %s\n", m_root.c_str());
+}
+
+Json::Value Sysroot::DefaultPlatformConfig() {
+    Json::Value j;
+    j["shares"]["homes"] = "/volume1/homes";
+    j["user_home"]["local"] = true;
+    j["user_home"]["domain"] = false;
+    j["user_home"]["directory"] = true;
+    Json::Value jUsers(Json::arrayValue);
+    Json::Value jAliceGroups(Json::arrayValue), jBobGroups(Json::arrayValue), jNone(Json::arrayValue);
+    jAliceGroups.append(100);
+    jAliceGroups.append(2001);
+    jBobGroups.append(100);
+    jBobGroups.append(2002);
+    jUsers.append(User(kAlice, "alice", false, jAliceGroups));
+    jUsers.append(User(kBob, "bob", false, jBobGroups));
+    jUsers.append(User(kCarol, "carol", true, jNone));
+    jUsers.append(User(kDave, "DOM\\dave", false, jNone));
+    jUsers.append(User(kEve, "eve@corp", false, jNone));
+    j["users"] = jUsers;
+    return j;
+}
+
+void Sysroot::WritePlatformConfig(const Json::Value &jConfig) const {
+    WriteFile(m_root + "/usr/kolv/etc/platform.conf", Compact(jConfig));
+}
+
+void Sysroot::WriteSettings(const Json::Value &jSettings) const {
+    WriteFile(m_root + "/usr/kolv/etc/kolvvessa.conf", Compact(jSettings));
+}
+
+void Sysroot::EnableNamespace(const std::string &strNs) const {
+    Json::Value j;
+    j["Access"]["enable"] = true;
+    j["Access"]["enable_ns_" + strNs] = true;
+    WriteSettings(j);
+}
+
+std::string ReadFile(const std::string &strPath) {
+    std::ifstream ifs(strPath, std::ios::binary);
+    std::stringstream ss;
+    ss << ifs.rdbuf();
+    return ss.str();
+}
+
+void WriteFile(const std::string &strPath, const std::string &strContent) {
+    std::ofstream ofs(strPath, std::ios::binary | std::ios::trunc);
+    ofs << strContent;
+}
+
+Json::Value ParseJson(const std::string &str) {
+    Json::Value j;
+    Json::CharReaderBuilder builder;
+    std::string strErr;
+    std::istringstream iss(str);
+    if (!Json::parseFromStream(builder, iss, &j, &strErr)) return Json::Value();
+    return j;
+}
+
+int RunCommand(const std::string &strCmd, std::string *pOut) {
+    FILE *p = popen(strCmd.c_str(), "r");
+    if (!p) return -1;
+    std::string strOut;
+    char szBuf[4096];
+    size_t n;
+    while ((n = fread(szBuf, 1, sizeof(szBuf), p)) > 0) strOut.append(szBuf, n);
+    int status = pclose(p);
+    if (pOut) *pOut = strOut;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string OriginMsg() {
+    Json::Value &j = KOLVVessaErrMsgGet();
+    if (!j.isArray() || j.empty()) return "";
+    return j[0]["msg"].asString();
+}
+
+std::string StackText() {
+    Json::Value &j = KOLVVessaErrMsgGet();
+    std::string str;
+    for (Json::ArrayIndex i = 0; j.isArray() && i < j.size(); ++i) {
+        if (i) str += "\n";
+        str += j[i]["msg"].asString();
+    }
+    return str;
+}
+
+bool HavePostgres() { return getenv("PGHOST") && *getenv("PGHOST"); }
+
+void DropIndexDatabase() {
+    std::string strOut;
+    RunCommand("psql -X -q -U postgres -d postgres -c 'DROP DATABASE IF EXISTS kolvvessa WITH (FORCE)' 2>&1", &strOut);
+}
+
+std::string Psql(const std::string &strSQL) {
+    std::string strFile = "/tmp/kolvtest_sql_" + std::to_string(getpid()) + ".sql";
+    WriteFile(strFile, strSQL);
+    std::string strOut;
+    RunCommand("psql -X -q -A -t -U postgres -d kolvvessa -f '" + strFile + "' 2>&1", &strOut);
+    unlink(strFile.c_str());
+    while (!strOut.empty() && strOut.back() == '\n') strOut.pop_back();
+    return strOut;
+}
+
+} // namespace kolvtest

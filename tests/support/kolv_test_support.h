@@ -1,0 +1,83 @@
+/*
+ * kolv_test_support.h - fixtures shared by every test program.
+ *
+ * Sysroot: a temporary folder that KOLV_SYSROOT points at for the life of
+ * the test process, holding the platform config (a "homes" share on
+ * /volume1, user homes on for local and directory users, five demo users)
+ * and, when a test writes one, the settings file. The repository is
+ * Repo() = root + "/volume1/@KolvVessa". Each test runs in its own process
+ * (ctest), so the library's process-wide caches start empty.
+ *
+ * Demo users of the default config:
+ *   1101 alice  (groups 100, 2001)      1102 bob (groups 100, 2002)
+ *   1103 carol  (expired)                1104 "DOM\\dave" (domain user)
+ *   1105 "eve@corp" (directory user)
+ */
+#ifndef KOLV_TEST_SUPPORT_H
+#define KOLV_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <string>
+
+namespace kolvtest {
+
+constexpr unsigned kAlice = 1101;
+constexpr unsigned kBob = 1102;
+constexpr unsigned kCarol = 1103;
+constexpr unsigned kDave = 1104;
+constexpr unsigned kEve = 1105;
+
+class Sysroot {
+  public:
+    Sysroot();
+    ~Sysroot();
+    Sysroot(const Sysroot &) = delete;
+    Sysroot &operator=(const Sysroot &) = delete;
+
+    const std::string &Root() const { return m_root; }
+    /* The repository root the library computes: root/volume1/@KolvVessa. */
+    std::string Repo() const { return m_root + "/volume1/@KolvVessa"; }
+    /* root + an appliance path. */
+    std::string Path(const std::string &strAppliancePath) const { return m_root + strAppliancePath; }
+
+    static Json::Value DefaultPlatformConfig();
+    void WritePlatformConfig(const Json::Value &jConfig) const;
+    /* Writes the settings file (/usr/kolv/etc/kolvvessa.conf). */
+    void WriteSettings(const Json::Value &jSettings) const;
+    /* Settings with the store and namespace ns switched on. */
+    void EnableNamespace(const std::string &strNs) const;
+
+  private:
+    std::string m_root;
+};
+
+/* A test with a fresh sysroot. */
+class SysrootTest : public ::testing::Test {
+  protected:
+    Sysroot m_sys;
+};
+
+/* Helpers used across modules. */
+std::string ReadFile(const std::string &strPath);
+void WriteFile(const std::string &strPath, const std::string &strContent);
+Json::Value ParseJson(const std::string &str);
+/* Runs a shell command, returns its exit status and (when given) stdout. */
+int RunCommand(const std::string &strCmd, std::string *pOut = nullptr);
+/* The error stack's origin message (element 0 "msg"), "" when empty. */
+std::string OriginMsg();
+/* Every "msg" of the stack, joined with "\n". */
+std::string StackText();
+
+/* PostgreSQL: whether the test command started a server (PGHOST set). */
+bool HavePostgres();
+/* Drops the database "kolvvessa" so the next index access creates it. */
+void DropIndexDatabase();
+/* Runs SQL on database "kolvvessa" through psql and returns its unaligned,
+ * tuples-only output. */
+std::string Psql(const std::string &strSQL);
+
+} // namespace kolvtest
+
+#endif /* KOLV_TEST_SUPPORT_H */
