@@ -1,0 +1,101 @@
+#!/usr/bin/env bash
+# The walkthrough: installs what is missing, builds the library and the
+# kolvvessa tool, starts a private PostgreSQL cluster and a repository in a
+# temporary folder, and runs a short session of two users with the tool.
+# Everything it started is stopped and removed at the end (KEEP=1 keeps the
+# folder for a look around).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+. scripts/deps.sh
+need_packages jq
+
+launcher=()
+command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+cmake -S . -B build-demo -DKOLV_BUILD_TESTS=OFF -DKOLV_BUILD_BENCH=OFF "${launcher[@]}" >/dev/null
+cmake --build build-demo -j "$(nproc)" --target kolvvessa_tool >/dev/null
+tool=$PWD/build-demo/tools/kolvvessa
+
+demo=$(mktemp -d /tmp/kolvdemo.XXXXXX)
+pg_dir=""
+cleanup() {
+    [ -n "$pg_dir" ] && scripts/pg_cluster.sh stop "$pg_dir"
+    if [ "${KEEP:-0}" = 1 ]; then echo "kept $demo"; else rm -rf "$demo"; fi
+}
+trap cleanup EXIT INT TERM
+eval "$(scripts/pg_cluster.sh start)"
+pg_dir=$KOLV_PG_DIR
+
+# The appliance, relocated: a "homes" share on /volume1 and two users.
+export KOLV_SYSROOT=$demo/sysroot
+mkdir -p "$KOLV_SYSROOT/usr/kolv/etc" "$KOLV_SYSROOT/volume1/homes" "$KOLV_SYSROOT/tmp"
+cat >"$KOLV_SYSROOT/usr/kolv/etc/platform.conf" <<'CONF'
+{
+  "shares": {"homes": "/volume1/homes"},
+  "user_home": {"local": true, "domain": false, "directory": false},
+  "users": [
+    {"uid": 1101, "name": "alice", "gid": 100, "mail": "alice@example.com", "expired": false, "groups": [100]},
+    {"uid": 1102, "name": "bob", "gid": 100, "mail": "bob@example.com", "expired": false, "groups": [100]}
+  ]
+}
+CONF
+head -c 2048 /dev/urandom >"$demo/cover.bin"
+
+step() { printf '\n== %s\n' "$*"; }
+# Runs the tool, echoing the command; the JSON result goes to stdout.
+kv() {
+    printf '$ kolvvessa %s %s\n' "$1" "$2" >&2
+    "$tool" "$@"
+}
+brief='{id: (.id[0:10] + "..."), category, owner: .owner.display_name, perm, version: (.version[0:8]), text}'
+
+step "Switch the store and the namespace \"note\" on"
+kv access-set '{"enable":1}' | jq -c .
+kv access-set '{"ns":"note","enable":1}' | jq -c .
+
+step "alice creates a notebook, shared read-write with bob"
+book=$(kv create '{"ns":"note","category":"notebook","requester":1101,"text":{"title":"Recipes"},
+  "acl":{"enabled":true,"hmx_user":{"1102":{"perm":"rw"}}}}')
+echo "$book" | jq -c "$brief"
+book_id=$(echo "$book" | jq -r .id)
+
+step "alice adds a note with text and a binary file under it (it inherits the notebook's ACL)"
+note=$(kv create "{\"ns\":\"note\",\"category\":\"note\",\"requester\":1101,\"parent_id\":\"$book_id\",
+  \"text\":{\"title\":\"Bread\",\"body\":\"flour, water, salt\"},\"commit_msg\":{\"listable\":true,\"note\":\"first\"},
+  \"binary_files\":[{\"name\":\"cover.bin\",\"format\":\"bin\",\"path\":\"$demo/cover.bin\"}]}")
+echo "$note" | jq "{id: .id, parent_id: (.parent_id[0:10] + \"...\"), version, text, binary_info, acl}"
+note_id=$(echo "$note" | jq -r .id)
+v1=$(echo "$note" | jq -r .version)
+
+step "alice changes the body: a new version"
+note2=$(kv set "{\"ns\":\"note\",\"id\":\"$note_id\",\"requester\":1101,\"version\":\"$v1\",
+  \"text\":{\"body\":\"flour, water, salt, yeast\"},\"commit_msg\":{\"listable\":true,\"note\":\"add yeast\"}}")
+echo "$note2" | jq -c "{version, text}"
+
+step "the older version is still there"
+kv get "{\"ns\":\"note\",\"id\":\"$note_id\",\"requester\":1101,\"version\":\"$v1\"}" | jq -c "{version, text}"
+
+step "bob creates a note of his own, then lists: his own first, then what alice shares"
+kv create '{"ns":"note","category":"note","requester":1102,"text":{"title":"Shopping"}}' | jq -c "$brief"
+kv list '{"ns":"note","requester":1102,"field":{"text":true}}' | jq -c ".count, (.objects[] | $brief)"
+
+step "bob may change alice's note (shared rw)"
+kv set "{\"ns\":\"note\",\"id\":\"$note_id\",\"requester\":1102,\"version\":\"$(echo "$note2" | jq -r .version)\",
+  \"text\":{\"title\":\"Bread (bob)\"}}" | jq -c "{version, text}"
+
+step "alice lists her objects"
+kv list '{"ns":"note","requester":1101,"field":{"text":true}}' | jq -c ".count, (.objects[] | $brief)"
+
+step "alice withdraws sharing in \"note\": bob now sees only his own"
+kv sharing-set '{"ns":"note","owner":1101,"enable":0}' | jq -c .
+kv list '{"ns":"note","requester":1102}' | jq -c ".count, (.objects[] | $brief)"
+kv sharing-set '{"ns":"note","owner":1101,"enable":1}' | jq -c .
+
+step "rebuild the index from the repository and list again"
+kv reindex '{"ns":"note"}' | jq -c .
+kv list '{"ns":"note","requester":1101}' | jq -c ".count"
+
+step "the objects on disk"
+(cd "$KOLV_SYSROOT/volume1/@KolvVessa" && find note -maxdepth 2 -name '*.json' | sed 's/_[0-9A-F]\{86\}/_.../' | sort | head -8)
+echo
+echo "walkthrough finished"

@@ -1,0 +1,87 @@
+/*
+ * kolvvessa - the object store from the command line.
+ *
+ *     kolvvessa VERB [JSON]      (JSON from the argument, or standard input)
+ *
+ * Prints the result as JSON on standard output; on failure prints the
+ * error stack on standard error and exits with status 1 (2 for a usage
+ * error).
+ */
+#include <stdio.h>
+#include <string.h>
+
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <string>
+
+#include "tool_verbs.h"
+
+namespace {
+
+void PrintUsage(FILE *pOut) {
+    fprintf(pOut, "usage: kolvvessa VERB [JSON]\n"
+                  "       kolvvessa VERB --help\n\n"
+                  "The request is a JSON object, given as the argument or on standard input.\n"
+                  "\"requester\" is the acting uid (0: the system). Verbs:\n\n");
+    for (const kolvtool::Verb &verb : kolvtool::Verbs()) fprintf(pOut, "  %-16s %s\n", verb.szName, verb.szSummary);
+    fprintf(pOut, "\nThe appliance paths (settings, platform config, repository volume) are taken\n"
+                  "below $KOLV_SYSROOT when it is set.\n");
+}
+
+void PrintVerbHelp(const kolvtool::Verb &verb) {
+    printf("kolvvessa %s - %s\n\n%s\n\nExample:\n  kolvvessa %s '%s'\n", verb.szName, verb.szSummary, verb.szHelp,
+           verb.szName, verb.szExample);
+}
+
+bool ReadRequest(int argc, char **argv, Json::Value &jReq) {
+    std::string strText;
+    if (argc > 2 && strcmp(argv[2], "-") != 0) {
+        strText = argv[2];
+    } else {
+        strText.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    }
+    if (strText.find_first_not_of(" \t\r\n") == std::string::npos) {
+        jReq = Json::Value(Json::objectValue);
+        return true;
+    }
+    Json::CharReaderBuilder builder;
+    std::string strErr;
+    std::istringstream iss(strText);
+    if (!Json::parseFromStream(builder, iss, &jReq, &strErr) || !jReq.isObject()) {
+        fprintf(stderr, "kolvvessa: the request must be a JSON object: %s\n", strErr.c_str());
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    if (argc < 2 || !strcmp(argv[1], "--help") || !strcmp(argv[1], "-h")) {
+        PrintUsage(argc < 2 ? stderr : stdout);
+        return argc < 2 ? 2 : 0;
+    }
+    const kolvtool::Verb *pVerb = kolvtool::FindVerb(argv[1]);
+    if (!pVerb) {
+        fprintf(stderr, "kolvvessa: unknown verb \"%s\"\n\n", argv[1]);
+        PrintUsage(stderr);
+        return 2;
+    }
+    if (argc > 2 && (!strcmp(argv[2], "--help") || !strcmp(argv[2], "-h"))) {
+        PrintVerbHelp(*pVerb);
+        return 0;
+    }
+    Json::Value jReq;
+    if (!ReadRequest(argc, argv, jReq)) return 2;
+
+    Json::Value jOut;
+    if (!pVerb->pfnRun(jReq, jOut)) {
+        KOLVVessaErrPrint(stderr);
+        return 1;
+    }
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    std::cout << Json::writeString(builder, jOut) << std::endl;
+    return 0;
+}

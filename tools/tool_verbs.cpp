@@ -1,0 +1,198 @@
+/*
+ * The verbs of the kolvvessa tool: each turns a JSON request into one
+ * library call and its result into JSON.
+ */
+#include "tool_verbs.h"
+
+#include <string.h>
+
+
+namespace kolvtool {
+
+namespace {
+
+// Every field of an object, the ACL as far as the requester may see it.
+Json::Value ObjectJson(const KOLV_VESSA_OBJECT &object) {
+    Json::Value jSelection = KOLVVessaObjectFieldAll();
+    Json::Value jOut(Json::objectValue);
+    object.toJson(jSelection, jOut, false);
+    return jOut;
+}
+
+bool RunGet(const Json::Value &jReq, Json::Value &jOut) {
+    KOLV_VESSA_OBJECT object;
+    Json::Value jParm = jReq;
+    if (!jParm.isMember("field")) jParm["field"] = KOLVVessaObjectFieldAll();
+    if (!object.Get(jParm)) return false;
+    jOut = ObjectJson(object);
+    return true;
+}
+
+bool RunCreate(const Json::Value &jReq, Json::Value &jOut) {
+    KOLV_VESSA_OBJECT object;
+    if (!object.Create(jReq)) return false;
+    jOut = ObjectJson(object);
+    return true;
+}
+
+bool RunCopy(const Json::Value &jReq, Json::Value &jOut) {
+    KOLV_VESSA_OBJECT object;
+    if (!object.Copy(jReq)) return false;
+    jOut = ObjectJson(object);
+    return true;
+}
+
+bool RunSet(const Json::Value &jReq, Json::Value &jOut) {
+    KOLV_VESSA_OBJECT object;
+    if (!object.Set(jReq)) return false;
+    jOut = ObjectJson(object);
+    return true;
+}
+
+bool RunList(const Json::Value &jReq, Json::Value &jOut) {
+    Json::Value jParm = jReq;
+    if (!jParm.isMember("offset")) jParm["offset"] = 0;
+    if (!jParm.isMember("limit")) jParm["limit"] = -1;
+    KOLV_VESSA_OBJECT_LIST list;
+    unsigned int total = 0;
+    int count = list.ListObject(jParm, total);
+    if (count < 0) return false;
+    jOut["count"] = count;
+    jOut["total"] = total;
+    jOut["objects"] = Json::Value(Json::arrayValue);
+    for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next) jOut["objects"].append(ObjectJson(*p));
+    return true;
+}
+
+bool RunReindex(const Json::Value &jReq, Json::Value &jOut) {
+    if (!KOLVVessaReindex(jReq)) return false;
+    jOut["reindexed"] = jReq.isMember("ns") ? jReq["ns"] : Json::Value("*");
+    return true;
+}
+
+// The namespace of a settings request: NULL for the master switch.
+const char *NsOf(const Json::Value &jReq) {
+    return jReq.isMember("ns") && jReq["ns"].isString() ? jReq["ns"].asCString() : NULL;
+}
+
+// A request the tool itself refuses: code 1007 with the failed test.
+#define TOOL_REQUIRE(cond)                                                                                            \
+    ((cond) ? true : (KOLVVessaErrSetEx(1007, "tools/tool_verbs", __LINE__, "%s", "!(" #cond ")"), false))
+
+bool RequireOwner(const Json::Value &jReq) { return TOOL_REQUIRE(jReq["owner"].isIntegral()); }
+
+bool RequireEnable(const Json::Value &jReq) { return TOOL_REQUIRE(jReq["enable"].isIntegral()); }
+
+bool RunAccessGet(const Json::Value &jReq, Json::Value &jOut) {
+    jOut["enabled"] = TRUE == KOLVVessaSettingsAccessGet(NsOf(jReq));
+    if (!jOut["enabled"].asBool()) jOut["reason"] = KOLVVessaErrMsgGet();
+    return true;
+}
+
+bool RunAccessCheck(const Json::Value &jReq, Json::Value &jOut) {
+    if (FALSE == KOLVVessaAccessCheck(NsOf(jReq))) return false;
+    jOut["enabled"] = true;
+    return true;
+}
+
+bool RunAccessSet(const Json::Value &jReq, Json::Value &jOut) {
+    if (!RequireEnable(jReq) || 0 > KOLVVessaSettingsAccessSet(NsOf(jReq), jReq["enable"].asInt())) return false;
+    jOut["enabled"] = 1 == jReq["enable"].asInt();
+    return true;
+}
+
+bool RunSharingGet(const Json::Value &jReq, Json::Value &jOut) {
+    if (!RequireOwner(jReq)) return false;
+    jOut["sharing"] = TRUE == KOLVVessaSettingsSharingGet(NsOf(jReq), (uid_t)jReq["owner"].asUInt());
+    return true;
+}
+
+bool RunSharingCheck(const Json::Value &jReq, Json::Value &jOut) {
+    if (!RequireOwner(jReq) || FALSE == KOLVVessaSharingCheck(NsOf(jReq), (uid_t)jReq["owner"].asUInt()))
+        return false;
+    jOut["sharing"] = true;
+    return true;
+}
+
+bool RunSharingSet(const Json::Value &jReq, Json::Value &jOut) {
+    if (!RequireOwner(jReq) || !RequireEnable(jReq)) return false;
+    if (0 > KOLVVessaSettingsSharingSet(NsOf(jReq), (uid_t)jReq["owner"].asUInt(), jReq["enable"].asInt()))
+        return false;
+    jOut["sharing"] = 1 == jReq["enable"].asInt();
+    return true;
+}
+
+// The list may be reallocated by the call, so it is held by pointer.
+struct ListHolder {
+    TRABCSzList *p;
+    ~ListHolder() { TRABCSzListFree(p); }
+};
+
+bool RunNoSharingList(const Json::Value &jReq, Json::Value &jOut) {
+    ListHolder list{TRABCSzListAlloc(BUFSIZ)};
+    if (0 > KOLVVessaSettingsNoSharingUserList(NsOf(jReq), &list.p)) return false;
+    jOut["owners"] = Json::Value(Json::arrayValue);
+    for (int i = 0; i < TRABCSzListCount(list.p); ++i) jOut["owners"].append(TRABCSzListGet(list.p, i));
+    return true;
+}
+
+const std::vector<Verb> gVerbs = {
+    {"create", "create an object",
+     "Keys: \"ns\", \"category\", \"requester\" (required); \"owner\" (for requester 0), \"parent_id\",\n"
+     "\"acl\", \"commit_msg\", \"ctime\", \"mtime\", \"text\" {name: JSON}, \"metatext\" {name: JSON},\n"
+     "\"binary_files\" [{\"name\", \"format\", \"path\"}], \"metabinary_files\" (same form).\n"
+     "Prints the new object with its id and version.",
+     "{\"ns\":\"note\",\"category\":\"memo\",\"requester\":1101,\"text\":{\"title\":\"Hello\"}}", RunCreate},
+    {"copy", "copy an object into a new one of the requester",
+     "Keys: \"ns\", \"id\" (the source), \"requester\"; \"parent_id\" optional. Prints the copy.",
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunCopy},
+    {"get", "read an object (the latest version unless \"version\" is given)",
+     "Keys: \"ns\", \"id\", \"requester\"; \"version\" (an older version), \"field\" (selection;\n"
+     "default: every field). Prints the object as the requester may see it.",
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunGet},
+    {"set", "change an object (text and binary files make a new version)",
+     "Keys: \"ns\", \"id\", \"requester\"; and at least one of \"ctime\", \"parent_id\", \"metatext\",\n"
+     "\"text\", \"metabinary_files\", \"binary_files\"; \"version\" (the version the change is based\n"
+     "on) with \"text\" or \"binary_files\"; \"commit_msg\", \"mtime\", \"reset_parent_id\".",
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"version\":\"<40 hex>\",\"text\":{\"title\":\"Hi\"}}",
+     RunSet},
+    {"list", "list objects from the index: own first, then shared ones",
+     "Keys: \"ns\" (\"*\" for every namespace, requester 0 only), \"requester\"; \"filter\"\n"
+     "{\"owner\" (user name), \"owner_uid\", \"parent_id\", \"category\", \"text\", \"metatext\", \"binary\",\n"
+     "\"metabinary\"}, \"field\" (JSON columns to read), \"offset\" (default 0), \"limit\" (default -1: all).",
+     "{\"ns\":\"note\",\"requester\":1102,\"field\":{\"text\":true}}", RunList},
+    {"reindex", "rebuild the index from the repository",
+     "Keys: \"ns\" (optional: only that namespace).", "{\"ns\":\"note\"}", RunReindex},
+    {"access-get", "whether the store (no \"ns\") or a namespace is switched on",
+     "Keys: \"ns\" (optional). Prints {\"enabled\": bool} and, when off, the reason.", "{\"ns\":\"note\"}",
+     RunAccessGet},
+    {"access-check", "the access check of every operation: master switch, then namespace",
+     "Keys: \"ns\" (optional). Fails with the reason when access is off.", "{\"ns\":\"note\"}", RunAccessCheck},
+    {"access-set", "switch the store (no \"ns\") or a namespace on (1) or off",
+     "Keys: \"ns\" (optional), \"enable\" (1 switches on, anything else off).", "{\"ns\":\"note\",\"enable\":1}",
+     RunAccessSet},
+    {"sharing-get", "whether an owner shares, globally (no \"ns\") or in a namespace",
+     "Keys: \"owner\" (uid), \"ns\" (optional). Lenient: a missing or corrupt settings file shares.",
+     "{\"ns\":\"note\",\"owner\":1101}", RunSharingGet},
+    {"sharing-check", "the sharing check of reads: the owner's global entry, then the namespace",
+     "Keys: \"owner\" (uid), \"ns\" (optional). Fails with the reason when sharing is off.",
+     "{\"ns\":\"note\",\"owner\":1101}", RunSharingCheck},
+    {"sharing-set", "let an owner share (1) or withdraw sharing (anything else)",
+     "Keys: \"owner\" (uid), \"enable\", \"ns\" (optional: only that namespace).",
+     "{\"ns\":\"note\",\"owner\":1101,\"enable\":0}", RunSharingSet},
+    {"no-sharing-list", "owners whose objects others may not see in a namespace",
+     "Keys: \"ns\" (required).", "{\"ns\":\"note\"}", RunNoSharingList},
+};
+
+} // namespace
+
+const std::vector<Verb> &Verbs() { return gVerbs; }
+
+const Verb *FindVerb(const char *szName) {
+    for (const Verb &verb : gVerbs) {
+        if (!strcmp(verb.szName, szName)) return &verb;
+    }
+    return NULL;
+}
+
+} // namespace kolvtool
