@@ -43,6 +43,10 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 (cd "$build" && ctest --output-on-failure -j "$(nproc)" "$@")
 
+if [ "$mode" = plain ] && [ $# -eq 0 ]; then
+    scripts/check_install.sh "$build"
+fi
+
 if [ "$mode" = plain ] && [ $# -eq 0 ] && command -v clang++ >/dev/null && [ -d tests/fuzz ]; then
     scripts/fuzz.sh 20
 fi
