@@ -29,7 +29,9 @@ namespace {
 
 // Server notices ("relation exists, skipping" and the like) are not errors;
 // keep them out of the callers' standard error.
-void QuietNotice(void *, const char *szMsg) { syslog(LOG_DEBUG, "pgsql notice: %s", szMsg); }
+void QuietNotice(void *, const char *szMsg) {
+    syslog(LOG_DEBUG, "pgsql notice: %s", szMsg);
+}
 
 PGconn *ConnectRaw(const char *szHost, const char *szUser, const char *szPass, const char *szDB) {
     const char *rgKeys[5] = {NULL};
@@ -155,7 +157,9 @@ const char *KOLVDBFetchField(KOLVDBRESULT *pResult, int row, const char *szColum
     return PQgetvalue(pResult->pRes, row, col);
 }
 
-int KOLVDBResultRows(const KOLVDBRESULT *pResult) { return pResult ? PQntuples(pResult->pRes) : 0; }
+int KOLVDBResultRows(const KOLVDBRESULT *pResult) {
+    return pResult ? PQntuples(pResult->pRes) : 0;
+}
 
 void KOLVDBFreeResult(KOLVDBRESULT *pResult) {
     if (!pResult) return;
