@@ -12,6 +12,8 @@
 #include <json/json.h>
 #include <kolvplatform/kolv_platform.h>
 
+#include <stddef.h>
+
 #include <string>
 
 #include "kolvvessa_export.h"
@@ -26,6 +28,11 @@ class KOLV_EXPORT KOLV_VESSA_OBJECT {
     ~KOLV_VESSA_OBJECT();
     KOLV_VESSA_OBJECT(const KOLV_VESSA_OBJECT &) = delete;
     KOLV_VESSA_OBJECT &operator=(const KOLV_VESSA_OBJECT &) = delete;
+
+    /* "new KOLV_VESSA_OBJECT" gives NULL when memory runs out instead of
+     * throwing, so callers test its result. */
+    static void *operator new(size_t cb) noexcept;
+    static void operator delete(void *p) noexcept;
 
     /* Resets every field (owner becomes UID_ERR); path_info and perm stay. */
     void clear();

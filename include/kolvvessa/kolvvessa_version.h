@@ -6,6 +6,8 @@
 
 #include <json/json.h>
 
+#include <stddef.h>
+
 #include <string>
 
 #include "kolvvessa_export.h"
@@ -19,6 +21,11 @@ class KOLV_EXPORT KOLV_VESSA_OBJECT_VERSION {
     ~KOLV_VESSA_OBJECT_VERSION();
     KOLV_VESSA_OBJECT_VERSION(const KOLV_VESSA_OBJECT_VERSION &) = delete;
     KOLV_VESSA_OBJECT_VERSION &operator=(const KOLV_VESSA_OBJECT_VERSION &) = delete;
+
+    /* "new KOLV_VESSA_OBJECT_VERSION" gives NULL when memory runs out
+     * instead of throwing, so callers test its result. */
+    static void *operator new(size_t cb) noexcept;
+    static void operator delete(void *p) noexcept;
 
     /* Resets every field to its default. */
     void clear();

@@ -1,0 +1,80 @@
+/*
+ * object_internal.h - the object's data record and the helpers the object
+ * operations share.
+ */
+#ifndef KOLVVESSA_OBJECT_INTERNAL_H
+#define KOLVVESSA_OBJECT_INTERNAL_H
+
+#include <json/json.h>
+#include <stdint.h>
+
+#include <exception>
+#include <string>
+
+#include "common/kolvvessa_fail.h"
+#include "kolvvessa/kolvvessa_ns_hook.h"
+#include "kolvvessa/kolvvessa_object.h"
+
+/* The data of one object, the two reserved members included. */
+struct KOLV_VESSA_OBJECT_IMPL {
+    uint32_t flags; // reserved word, emptied with the record
+    std::string ns;
+    std::string id;
+    std::string category;
+    std::string version;
+    Json::Value commit_msg;
+    std::string parent_id;
+    unsigned long owner;
+    Json::Value metatext;
+    Json::Value text;
+    Json::Value metabinary_info;
+    Json::Value binary_info;
+    Json::Value path_info;
+    Json::Value acl;
+    std::string perm;
+    long ctime;
+    long mtime;
+    Json::Value scratch; // reserved value, emptied with the record
+    Json::Value extra_info;
+};
+
+namespace kolv {
+
+/* Runs an operation so that no exception leaves the library: a throw
+ * (a JSON value of an unexpected type, memory) becomes code 1000. */
+template <typename F> bool ObjectNoThrow(const char *szFile, int line, F fn) {
+    try {
+        return fn();
+    } catch (const std::exception &e) {
+        FailOriginFmt(1000, szFile, line, "unexpected exception: %s", e.what());
+    } catch (...) {
+        FailOriginFmt(1000, szFile, line, "unexpected exception");
+    }
+    return false;
+}
+
+/* Marks every grant of an ACL as pushed down from an ancestor. */
+void AclMarkInherited(Json::Value &jAcl);
+
+/* Opens the namespace's hook library and fetches one operation's hooks;
+ * all stay NULL when the namespace has none. Closes the library only when
+ * asked to (object create does, the other operations leave it open). */
+class NsHooks {
+  public:
+    NsHooks(const std::string &strNs, const char *szOperation, bool blClose);
+    ~NsHooks();
+    NsHooks(const NsHooks &) = delete;
+    NsHooks &operator=(const NsHooks &) = delete;
+    void Pre(const Json::Value &jParm, const KOLV_VESSA_OBJECT *pObject) const;
+    void Post(const Json::Value &jParm, const KOLV_VESSA_OBJECT *pObject) const;
+
+  private:
+    void *m_dlHandle;
+    bool m_blClose;
+    KOLVVESSA_NS_HOOK m_pfnPre;
+    KOLVVESSA_NS_HOOK m_pfnPost;
+};
+
+} // namespace kolv
+
+#endif /* KOLVVESSA_OBJECT_INTERNAL_H */
