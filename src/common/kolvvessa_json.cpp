@@ -1,0 +1,177 @@
+/*
+ * JSON utilities: the top-level diff of two objects, the safe writing of a
+ * value to a file (exclusive flock on the target, a ".tmp" file, a rename
+ * into place), and the parse/serialise conveniences on Json::Value.
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_json_internal.h"
+#include "common/kolvvessa_raii.h"
+#include "kolvvessa/kolvvessa_common.h"
+#include "kolvvessa/kolvvessa_error.h"
+
+namespace {
+
+// A busy lock is tried this often, with a wait between tries.
+constexpr int kLockTries = 6;
+constexpr useconds_t kLockWaitUs = 500 * 1000;
+
+Json::Value DiffRecord(const std::string &strKey, const char *szType) {
+    Json::Value jRecord(Json::objectValue);
+    jRecord["key"] = strKey;
+    jRecord["type"] = szType;
+    return jRecord;
+}
+
+// Releases the flock before the descriptor is closed.
+class FlockRelease {
+  public:
+    explicit FlockRelease(int fd) : m_fd(fd) {}
+    ~FlockRelease() { flock(m_fd, LOCK_UN); }
+    FlockRelease(const FlockRelease &) = delete;
+    FlockRelease &operator=(const FlockRelease &) = delete;
+
+  private:
+    int m_fd;
+};
+
+// Takes the exclusive lock without blocking: a busy lock is tried six
+// times, five waits of 500 ms apart; any other error gives up at once.
+bool LockWithRetry(int fdLock, const std::string &strPath) {
+    for (int nFailed = 1; 0 != flock(fdLock, LOCK_EX | LOCK_NB); ++nFailed) {
+        if (EWOULDBLOCK != errno || kLockTries <= nFailed) {
+            KOLV_FAIL_FMT(1001, "flock [%s] failed for %d times.", strPath.c_str(), kLockTries - 1);
+            return false;
+        }
+        usleep(kLockWaitUs);
+    }
+    return true;
+}
+
+// Whether fd still is the file that strPath names. A writer that waited
+// for the lock may hold the inode an earlier writer has just renamed away;
+// it must lock the new one instead, or two writers would share the ".tmp".
+bool LockedFileIsCurrent(int fd, const std::string &strPath) {
+    struct stat stLocked, stPath;
+    if (0 != fstat(fd, &stLocked) || 0 != stat(strPath.c_str(), &stPath)) return false;
+    return stLocked.st_dev == stPath.st_dev && stLocked.st_ino == stPath.st_ino;
+}
+
+// Opens the target as its own lock file and locks it, until the locked
+// inode is the one the path names.
+bool OpenAndLock(const std::string &strPath, kolv::Fd &lock) {
+    for (;;) {
+        int fdLock = open(strPath.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0600);
+        lock.reset(fdLock);
+        if (KOLV_FAIL_IF(1002, 0 > fdLock)) return false;
+        if (!LockWithRetry(fdLock, strPath)) return false;
+        if (LockedFileIsCurrent(fdLock, strPath)) return true;
+    }
+}
+
+// Writes the text to strTmp and renames it onto strPath. The caller holds
+// the lock.
+bool WriteAndRename(const Json::Value &value, const std::string &strTmp, const std::string &strPath) {
+    std::ofstream ofs(strTmp, std::ios::out | std::ios::trunc | std::ios::binary);
+    if (KOLV_FAIL_IF(1002, !ofs.good())) return false;
+    ofs << kolv::JsonToString(value);
+    ofs.flush();
+    if (KOLV_FAIL_IF(1003, !ofs.good())) return false;
+    ofs.close();
+
+    if (0 != rename(strTmp.c_str(), strPath.c_str())) {
+        unlink(strTmp.c_str());
+        kolv::SetNoLog(KOLV_ERR_RENAME, __FILE__, __LINE__, "Failed to rename [%s] to [%s]", strTmp.c_str(),
+                       strPath.c_str());
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool KOLVVessaJsonDiff(const Json::Value &jData1, const Json::Value &jData2, Json::Value &result) {
+    if (KOLV_FAIL_IF(1015, !jData1.isObject())) return false;
+    if (KOLV_FAIL_IF(1015, !jData2.isObject())) return false;
+
+    Json::Value jChanges(Json::arrayValue);
+    for (const std::string &strKey : jData1.getMemberNames()) {
+        if (!jData2.isMember(strKey)) {
+            Json::Value jRecord = DiffRecord(strKey, "del");
+            jRecord["value"] = jData1[strKey];
+            jChanges.append(jRecord);
+        } else if (jData1[strKey] != jData2[strKey]) {
+            Json::Value jRecord = DiffRecord(strKey, "sub");
+            jRecord["old_value"] = jData1[strKey];
+            jRecord["new_value"] = jData2[strKey];
+            jChanges.append(jRecord);
+        }
+    }
+    for (const std::string &strKey : jData2.getMemberNames()) {
+        if (jData1.isMember(strKey)) continue;
+        Json::Value jRecord = DiffRecord(strKey, "ins");
+        jRecord["value"] = jData2[strKey];
+        jChanges.append(jRecord);
+    }
+    // Equal objects leave the caller's result as it was, deliberately.
+    if (!jChanges.empty()) result = jChanges;
+    return true;
+}
+
+bool KOLVVessaJsonToFile(const Json::Value &value, const std::string &strPath) {
+    if (KOLV_FAIL_IF(1015, strPath.empty())) return false;
+    try {
+        kolv::Fd lock;
+        if (!OpenAndLock(strPath, lock)) return false;
+        FlockRelease release(lock.get());
+        return WriteAndRename(value, strPath + ".tmp", strPath);
+    } catch (const std::exception &e) {
+        KOLV_FAIL_FMT(1014, "%s", e.what());
+        return false;
+    }
+}
+
+namespace kolv {
+
+std::string JsonToString(const Json::Value &j) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, j);
+}
+
+bool JsonFromString(Json::Value &j, const std::string &str) {
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> pReader(builder.newCharReader());
+    Json::Value jParsed;
+    std::string strErr;
+    if (!pReader->parse(str.data(), str.data() + str.size(), &jParsed, &strErr)) return false;
+    j = jParsed;
+    return true;
+}
+
+bool JsonFromFile(Json::Value &j, const std::string &strPath) {
+    std::ifstream ifs(strPath, std::ios::in | std::ios::binary);
+    if (!ifs.is_open()) return false;
+    std::stringstream ss;
+    ss << ifs.rdbuf();
+    if (ifs.bad()) return false;
+    return JsonFromString(j, ss.str());
+}
+
+bool KolvJson::toFile(const std::string &strPath) const {
+    return KOLVVessaJsonToFile(*this, strPath);
+}
+
+} // namespace kolv
