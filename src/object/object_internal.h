@@ -7,11 +7,13 @@
 
 #include <json/json.h>
 #include <stdint.h>
+#include <syslog.h>
 
 #include <exception>
 #include <string>
 
 #include "common/kolvvessa_fail.h"
+#include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_ns_hook.h"
 #include "kolvvessa/kolvvessa_object.h"
 
@@ -76,5 +78,13 @@ class NsHooks {
 };
 
 } // namespace kolv
+
+/* A syslog line at error priority that starts with the source and line. */
+#define KOLV_OBJECT_SYSLOG(fmt, ...)                                                                                   \
+    do {                                                                                                               \
+        char szSource_[512];                                                                                           \
+        syslog(LOG_ERR, "%s:%d " fmt, kolv::SourceName(__FILE__, szSource_, sizeof(szSource_)), __LINE__,              \
+               __VA_ARGS__);                                                                                           \
+    } while (0)
 
 #endif /* KOLVVESSA_OBJECT_INTERNAL_H */

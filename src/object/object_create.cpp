@@ -1,0 +1,144 @@
+/*
+ * Creating an object for a requester: settle the owner, check the parent
+ * and inherit its ACL, let the file store write the first version, read
+ * the object back and enter it into the index.
+ */
+#include <memory>
+
+#include "common/kolvvessa_path_internal.h"
+#include "kolvvessa/kolvvessa_backend.h"
+#include "kolvvessa/kolvvessa_common.h"
+#include "kolvvessa/kolvvessa_conf.h"
+#include "kolvvessa/kolvvessa_index.h"
+#include "kolvvessa/kolvvessa_object.h"
+#include "object/object_internal.h"
+
+namespace kolv {
+
+void AclMarkInherited(Json::Value &jAcl) {
+    if (!jAcl.isObject()) return;
+    if (jAcl.isMember("public") && jAcl["public"].isObject()) jAcl["public"]["inherit"] = true;
+    for (const char *szKind : {"hmx_user", "hmx_group"}) {
+        if (!jAcl.isMember(szKind) || !jAcl[szKind].isObject()) continue;
+        for (const std::string &strKey : jAcl[szKind].getMemberNames()) {
+            if (jAcl[szKind][strKey].isObject()) jAcl[szKind][strKey]["inherit"] = true;
+        }
+    }
+}
+
+} // namespace kolv
+
+namespace {
+
+// Members, then the owner: a requester other than 0 always owns what he
+// creates, whatever "owner" he names.
+bool CheckCreateParm(Json::Value &jParm) {
+    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("category") ||
+                               !jParm["category"].isString() || !jParm.isMember("requester") ||
+                               !jParm["requester"].isIntegral())) {
+        return false;
+    }
+    // The namespace and a caller-chosen id become directory names.
+    if (KOLV_FAIL_IF(1007, !kolv::IsSafePathName(jParm["ns"].asString()))) return false;
+    if (KOLV_FAIL_IF(1007, jParm.isMember("id") &&
+                               (!jParm["id"].isString() || !kolv::IsSafePathName(jParm["id"].asString())))) {
+        return false;
+    }
+    if (0 == jParm["requester"].asInt64()) {
+        if (KOLV_FAIL_IF(1007, !jParm.isMember("owner"))) return false;
+        if (KOLV_FAIL_IF(1007, !jParm["owner"].isIntegral())) return false;
+    } else {
+        if (KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) return false;
+        jParm["owner"] = jParm["requester"];
+    }
+    if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectOwnerIsValid((uid_t)jParm["owner"].asInt64()))) return false;
+    return true;
+}
+
+// A non-root parent must be writable by the requester; the child takes
+// its owner and its whole ACL, every grant marked as inherited.
+bool InheritParent(Json::Value &jParm, uid_t owner) {
+    if (KOLV_FAIL_IF(1007, owner != KOLVVessaObjectGetOwnerByID(jParm["parent_id"].asString()))) return false;
+    KOLV_VESSA_OBJECT obj;
+    Json::Value jGetParm(Json::objectValue);
+    jGetParm["ns"] = jParm["ns"];
+    jGetParm["id"] = jParm["parent_id"];
+    jGetParm["requester"] = jParm["requester"];
+    jGetParm["field"]["acl"] = true;
+    if (KOLV_APPEND_IF(!obj.Get(jGetParm))) return false;
+    if (KOLV_FAIL_IF(1023, "rw" != obj.get_perm() && "owner" != obj.get_perm())) return false;
+    Json::Value jAcl = obj.get_acl();
+    kolv::AclMarkInherited(jAcl);
+    jParm["owner"] = (Json::UInt64)obj.get_owner();
+    jParm["acl"] = jAcl;
+    return true;
+}
+
+bool CheckCreateTypes(const Json::Value &jParm) {
+    if (jParm.isMember("commit_msg") && KOLV_FAIL_IF(1007, !jParm["commit_msg"].isObject())) return false;
+    if (jParm.isMember("ctime") && KOLV_FAIL_IF(1007, !jParm["ctime"].isIntegral())) return false;
+    if (jParm.isMember("metatext") && KOLV_FAIL_IF(1007, !jParm["metatext"].isObject())) return false;
+    if (jParm.isMember("text") && KOLV_FAIL_IF(1007, !jParm["text"].isObject())) return false;
+    if (jParm.isMember("metabinary_files") && KOLV_FAIL_IF(1007, !jParm["metabinary_files"].isArray())) return false;
+    if (jParm.isMember("binary_files") && KOLV_FAIL_IF(1007, !jParm["binary_files"].isArray())) return false;
+    return true;
+}
+
+bool PrepareCreateParm(Json::Value &jParm) {
+    uid_t owner = (uid_t)jParm["owner"].asInt64();
+    if (jParm.isMember("id")) {
+        if (KOLV_FAIL_IF(1007, owner != KOLVVessaObjectGetOwnerByID(jParm["id"].asString()))) return false;
+        if (KOLV_FAIL_IF(KOLV_ERR_ID_EXISTS, KOLVVessaIDIsExist(jParm["ns"].asString(), jParm["id"].asString()))) {
+            return false;
+        }
+    }
+    if (!jParm.isMember("parent_id")) {
+        jParm["parent_id"] = KOLVVessaObjectDefaultID(owner);
+    } else if (KOLV_FAIL_IF(1007, !jParm["parent_id"].isString())) {
+        return false;
+    }
+    if (KOLVVessaObjectDefaultID(owner) != jParm["parent_id"].asString() && !InheritParent(jParm, owner)) return false;
+    return CheckCreateTypes(jParm);
+}
+
+} // namespace
+
+// Nothing is written before the backend's Create, so a failed check
+// leaves no trace on disk. A failed index write is logged and does not
+// undo the object.
+bool KOLV_VESSA_OBJECT::Create(const Json::Value &jsParm) {
+    if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackendFs(RegisterBackend::New("fs"));
+    if (KOLV_FAIL_IF(1010, NULL == pBackendFs)) return false;
+    return kolv::ObjectNoThrow(__FILE__, __LINE__, [&]() -> bool {
+        Json::Value jParm(jsParm);
+        if (!CheckCreateParm(jParm)) return false;
+        if (KOLV_APPEND_IF(!PrepareCreateParm(jParm))) return false;
+        kolv::NsHooks hooks(jParm["ns"].asString(), "create", true);
+        hooks.Pre(jParm, this);
+        std::string strNewID, strNewVer;
+        if (KOLV_APPEND_IF(!pBackendFs->Create(jParm, strNewID, strNewVer))) return false;
+        Json::Value jGetParm(Json::objectValue);
+        jGetParm["ns"] = jParm["ns"];
+        jGetParm["id"] = strNewID;
+        jGetParm["requester"] = jParm["requester"];
+        jGetParm["version"] = strNewVer;
+        jGetParm["field"] = KOLVVessaObjectFieldAll();
+        if (KOLV_APPEND_IF(!Get(jGetParm))) return false;
+        hooks.Post(jParm, this);
+        if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(strNewID.c_str(), jParm["ns"].asCString(),
+                                                 (uid_t)jParm["requester"].asInt64()))) {
+            KOLV_OBJECT_SYSLOG("Failed to record create action of KOLV_VESSA_OBJECT in db. ns=[%s] category=[%s]",
+                               jParm["ns"].asCString(), jParm["category"].asCString());
+        }
+        return true;
+    });
+}
+
+bool KOLV_VESSA_OBJECT::Create(const Json::Value &jsParm, std::string &strNewID, std::string &strNewVer) {
+    KOLV_VESSA_OBJECT tmpNewObj;
+    if (KOLV_APPEND_IF(!tmpNewObj.Create(jsParm))) return false;
+    strNewID = tmpNewObj.get_id();
+    strNewVer = tmpNewObj.get_version();
+    return true;
+}
