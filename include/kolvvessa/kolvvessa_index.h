@@ -28,6 +28,10 @@ KOLV_EXPORT int KOLVVessaCheckVaccum(void);
 /* Empties and rebuilds the index from the repository, for jParam["ns"]
  * only when given. 1000 on failure. */
 KOLV_EXPORT bool KOLVVessaReindex(const Json::Value &jParam);
+/* Indexes every object directory of strRepo/szNs with one INSERT; objects
+ * whose row cannot be built are logged and left out. 1007 for a namespace
+ * that is not a plain directory name, 1000 when the INSERT fails. */
+KOLV_EXPORT bool KOLVVessaReindexByNs(KOLVDB *pConn, const std::string &strRepo, const char *szNs);
 
 /* Upserts the row of one object, read as requester. */
 KOLV_EXPORT bool KOLVVessaObjectIndex(const char *szID, const char *szNs, uid_t requester);

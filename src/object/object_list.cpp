@@ -1,0 +1,121 @@
+/*
+ * The listing front ends: check the request, turn a filter owner given by
+ * name into its uid, and ask the index backend.
+ */
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+
+#include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_json_internal.h"
+#include "kolvvessa/kolvvessa_backend.h"
+#include "kolvvessa/kolvvessa_error.h"
+#include "kolvvessa/kolvvessa_index.h"
+#include "kolvvessa/kolvvessa_object.h"
+
+namespace {
+
+struct UserFree {
+    void operator()(KOLVUSER *p) const { KOLVUserFree(p); }
+};
+
+// "owner" (a user name) becomes the owner's uid; "owner_uid" is taken as
+// it is. Works on the request copy jParm.
+bool ResolveFilterOwner(Json::Value &jParm) {
+    if (jParm["filter"].isMember("owner")) {
+        if (KOLV_FAIL_IF(1007, !jParm["filter"]["owner"].isString())) return false;
+        KOLVUSER *pUser = NULL;
+        if (KOLV_FAIL_IF(1022, 0 > KOLVUserGet(jParm["filter"]["owner"].asCString(), &pUser))) return false;
+        std::unique_ptr<KOLVUSER, UserFree> guard(pUser);
+        jParm["filter"]["owner"] = (Json::UInt)pUser->uid;
+    }
+    if (jParm["filter"].isMember("owner_uid")) {
+        if (KOLV_FAIL_IF(1007, !jParm["filter"]["owner_uid"].isIntegral())) return false;
+        jParm["filter"]["owner"] = (Json::UInt)jParm["filter"]["owner_uid"].asLargestInt();
+        jParm["filter"].removeMember("owner_uid");
+    }
+    return true;
+}
+
+// The checks of the front end; the backend receives a request with a uid
+// for the filter owner and with "offset" and "limit" (no paging when
+// absent).
+bool CheckRequest(const Json::Value &jIn, Json::Value &jParm) {
+    jParm = jIn;
+    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("requester") ||
+                               !jParm["requester"].isIntegral()))
+        return false;
+    if (jParm.isMember("filter")) {
+        if (KOLV_FAIL_IF(1007, !jParm["filter"].isObject())) return false;
+        if (!ResolveFilterOwner(jParm)) return false;
+    }
+    if (KOLV_FAIL_IF(1007, jParm.isMember("offset") && !jParm["offset"].isIntegral())) return false;
+    if (KOLV_FAIL_IF(1007, jParm.isMember("limit") && !jParm["limit"].isIntegral())) return false;
+    if (!jParm.isMember("offset")) jParm["offset"] = 0;
+    if (!jParm.isMember("limit")) jParm["limit"] = -1;
+    return true;
+}
+
+int ListChecked(const Json::Value &jIn, KOLV_VESSA_OBJECT **ppHead, unsigned int &total) {
+    Json::Value jParm;
+    if (!CheckRequest(jIn, jParm)) return -1;
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackendPgsql(RegisterBackend::New("pgsql"));
+    if (KOLV_FAIL_IF(1000, NULL == pBackendPgsql)) return -1;
+    KOLV_VESSA_OBJECT **addrPHead = ppHead;
+    int count = -1;
+    if (KOLV_APPEND_IF(0 > (count = pBackendPgsql->List(jParm, addrPHead, total)))) return -1;
+    return count;
+}
+
+// A decimal text as an integer; anything else stays text, for the checks
+// to refuse.
+Json::Value DecimalOrText(const char *szVal) {
+    char *endPtr = NULL;
+    long long ll = strtoll(szVal, &endPtr, 10);
+    if (*szVal && endPtr && !*endPtr) return Json::Value((Json::Int64)ll);
+    return Json::Value(szVal);
+}
+
+// A JSON text as its value; text that does not parse stays text.
+Json::Value JsonOrText(const char *szVal) {
+    kolv::KolvJson j;
+    if (!j.fromString(szVal)) return Json::Value(szVal);
+    return j;
+}
+
+} // namespace
+
+int KOLVVessaObjectList(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, unsigned int &total) {
+    if (KOLV_FAIL_IF(1015, NULL == ppHead)) return -1;
+    *ppHead = NULL;
+    total = 0;
+    try {
+        return ListChecked(jParm, ppHead, total);
+    } catch (const std::exception &e) {
+        KOLV_FAIL_FMT(1007, "list request rejected: %s", e.what());
+        return -1;
+    }
+}
+
+int KOLVVessaObjectList(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT **ppHead, unsigned int &total) {
+    if (KOLV_FAIL_IF(1015, NULL == pParmHash || NULL == ppHead)) return -1;
+    Json::Value jParm(Json::objectValue);
+    const char *szVal = NULL;
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "ns"))) jParm["ns"] = szVal;
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "requester"))) jParm["requester"] = DecimalOrText(szVal);
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "filter"))) jParm["filter"] = JsonOrText(szVal);
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "field"))) jParm["field"] = JsonOrText(szVal);
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "offset"))) jParm["offset"] = DecimalOrText(szVal);
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "limit"))) jParm["limit"] = DecimalOrText(szVal);
+    return KOLVVessaObjectList(jParm, ppHead, total);
+}
+
+int KOLV_VESSA_OBJECT_LIST::ListObject(const Json::Value &jParm, unsigned int &total) {
+    clear();
+    KOLV_VESSA_OBJECT *pHead = NULL;
+    int count = KOLVVessaObjectList(jParm, &pHead, total);
+    if (KOLV_APPEND_IF(0 > count)) return count;
+    m_head = pHead;
+    return count;
+}
