@@ -58,6 +58,10 @@ template <typename F> bool ObjectNoThrow(const char *szFile, int line, F fn) {
 /* Marks every grant of an ACL as pushed down from an ancestor. */
 void AclMarkInherited(Json::Value &jAcl);
 
+/* Checks and completes the record of a change against the object as the
+ * requester read it (Set and the multi-object set share it). */
+bool PrepareSetParm(Json::Value &jParm, const Json::Value &jAcl, const KOLV_VESSA_OBJECT *pObj);
+
 /* Opens the namespace's hook library and fetches one operation's hooks;
  * all stay NULL when the namespace has none. Closes the library only when
  * asked to (object create does, the other operations leave it open). */

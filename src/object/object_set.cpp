@@ -1,0 +1,119 @@
+/*
+ * Changing an existing object: read it for the requester, require "rw" or
+ * "owner", let the file store write the change, read it back and re-index.
+ */
+#include <stdlib.h>
+
+#include <memory>
+
+#include "common/kolvvessa_json_internal.h"
+#include "kolvvessa/kolvvessa_backend.h"
+#include "kolvvessa/kolvvessa_common.h"
+#include "kolvvessa/kolvvessa_conf.h"
+#include "kolvvessa/kolvvessa_index.h"
+#include "kolvvessa/kolvvessa_object.h"
+#include "object/object_internal.h"
+
+namespace {
+
+bool CheckSetAccess(const Json::Value &jParm) {
+    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
+                               !jParm["id"].isString() || !jParm.isMember("requester") ||
+                               !jParm["requester"].isIntegral())) {
+        return false;
+    }
+    if (0 != jParm["requester"].asInt64() && KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
+        return false;
+    }
+    if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jParm["id"].asCString()))) return false;
+    return true;
+}
+
+Json::Value ReadParm(const Json::Value &jParm) {
+    Json::Value jGetParm(Json::objectValue);
+    jGetParm["ns"] = jParm["ns"];
+    jGetParm["id"] = jParm["id"];
+    jGetParm["requester"] = jParm["requester"];
+    jGetParm["field"] = KOLVVessaObjectFieldAll();
+    return jGetParm;
+}
+
+} // namespace
+
+bool KOLV_VESSA_OBJECT::Set(const Json::Value &jsParm) {
+    if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackendFs(RegisterBackend::New("fs"));
+    if (KOLV_FAIL_IF(1010, NULL == pBackendFs)) return false;
+    return kolv::ObjectNoThrow(__FILE__, __LINE__, [&]() -> bool {
+        Json::Value jParm(jsParm);
+        if (!CheckSetAccess(jParm)) return false;
+        KOLV_VESSA_OBJECT tmpOldObj;
+        Json::Value jGetParm = ReadParm(jParm);
+        if (KOLV_APPEND_IF(!tmpOldObj.Get(jGetParm))) return false;
+        // A user with whom the object is shared "rw" may change it too.
+        if ("rw" != tmpOldObj.get_perm() && "owner" != tmpOldObj.get_perm()) {
+            KOLV_FAIL_FMT(1023, "rw != tmpOldObj.get_perm() && owner != tmpOldObj.get_perm() [%s]",
+                          tmpOldObj.get_perm().c_str());
+            return false;
+        }
+        if (KOLV_APPEND_IF(!kolv::PrepareSetParm(jParm, tmpOldObj.get_acl(), &tmpOldObj))) return false;
+        kolv::NsHooks hooks(jParm["ns"].asString(), "set", false);
+        hooks.Pre(jParm, &tmpOldObj);
+        std::string strNewVer = jParm["version"].asString();
+        if (KOLV_APPEND_IF(!pBackendFs->Set(jParm, strNewVer))) return false;
+        if (KOLV_APPEND_IF(!Get(jGetParm))) return false;
+        hooks.Post(jParm, this);
+        if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(jParm["id"].asCString(), jParm["ns"].asCString(),
+                                                 (uid_t)jParm["requester"].asInt64()))) {
+            KOLV_OBJECT_SYSLOG("Failed to record set action of KOLV_VESSA_OBJECT in db. ns=[%s] id=[%s] ver=[%s]",
+                               jParm["ns"].asCString(), jParm["id"].asCString(), strNewVer.c_str());
+        }
+        return true;
+    });
+}
+
+bool KOLV_VESSA_OBJECT::Set(const Json::Value &jsParm, std::string &strNewVer) {
+    KOLV_VESSA_OBJECT tmpNewObj;
+    if (KOLV_APPEND_IF(!tmpNewObj.Set(jsParm))) return false;
+    strNewVer = tmpNewObj.get_version();
+    return true;
+}
+
+namespace {
+
+// Text keys are copied as they are; JSON keys must parse; numbers are
+// decimal. A value that does not convert is a bad request.
+bool HashToSetParm(TRABSZHASH *pParmHash, Json::Value &jParm) {
+    const char *pParm = NULL;
+    if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "ns")))) return false;
+    jParm["ns"] = pParm;
+    if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "id")))) return false;
+    jParm["id"] = pParm;
+    for (const char *szKey : {"requester", "ctime", "mtime"}) {
+        if (NULL == (pParm = TRABCSzHashGetValue(pParmHash, szKey))) continue;
+        char *endPtr = NULL;
+        long long value = strtoll(pParm, &endPtr, 10);
+        if (KOLV_FAIL_IF(1007, endPtr && *endPtr)) return false;
+        jParm[szKey] = (Json::Int64)value;
+    }
+    for (const char *szKey : {"version", "parent_id"}) {
+        if (NULL != (pParm = TRABCSzHashGetValue(pParmHash, szKey))) jParm[szKey] = pParm;
+    }
+    for (const char *szKey : {"text", "metatext", "binary_files", "metabinary_files", "commit_msg"}) {
+        if (NULL == (pParm = TRABCSzHashGetValue(pParmHash, szKey))) continue;
+        kolv::KolvJson jVal;
+        if (KOLV_FAIL_IF(1007, !jVal.fromString(pParm))) return false;
+        jParm[szKey] = jVal;
+    }
+    return true;
+}
+
+} // namespace
+
+bool KOLVVessaObjectSet(TRABSZHASH *pParmHash, std::string &strNewVer) {
+    if (KOLV_FAIL_IF(1015, NULL == pParmHash)) return false;
+    Json::Value jParm(Json::objectValue);
+    if (!HashToSetParm(pParmHash, jParm)) return false;
+    if (KOLV_APPEND_IF(!KOLV_VESSA_OBJECT().Set(jParm, strNewVer))) return false;
+    return true;
+}
