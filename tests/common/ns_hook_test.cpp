@@ -1,0 +1,133 @@
+/*
+ * Namespace hooks: descriptors under the sysroot's libexec folder, real
+ * hook libraries loaded with dlopen (built in tests/hooks).
+ */
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <string>
+
+#include "kolvvessa/kolvvessa_error.h"
+#include "kolvvessa/kolvvessa_ns_hook.h"
+#include "kolvvessa/kolvvessa_object.h"
+#include "support/kolv_test_support.h"
+
+namespace {
+
+using kolvtest::OriginMsg;
+
+int Sentinel(const Json::Value &, const KOLV_VESSA_OBJECT *) {
+    return 7;
+}
+
+class NsHookTest : public kolvtest::SysrootTest {
+  protected:
+    void TearDown() override {
+        if (m_dlHandle) dlclose(m_dlHandle);
+    }
+
+    void WriteDescriptor(const std::string &strNs, const std::string &strContent) const {
+        kolvtest::WriteFile(m_sys.Path("/usr/local/libexec/kolvvessa/" + strNs + ".lib"), strContent);
+    }
+    void UseLibrary(const std::string &strNs, const std::string &strLib) const {
+        Json::Value j;
+        j["lib"] = strLib;
+        WriteDescriptor(strNs, j.toStyledString());
+    }
+    void *Open(const std::string &strNs) {
+        m_dlHandle = KOLVVessaNsHookHandler(strNs);
+        return m_dlHandle;
+    }
+
+    void *m_dlHandle = nullptr;
+};
+
+TEST_F(NsHookTest, NamespaceWithoutLibraryHasNoHooks) {
+    EXPECT_EQ(nullptr, KOLVVessaNsHookHandler("note"));
+    WriteDescriptor("note", R"({"lib":""})");
+    EXPECT_EQ(nullptr, KOLVVessaNsHookHandler("note"));
+    WriteDescriptor("note", R"({"other":"x"})");
+    EXPECT_EQ(nullptr, KOLVVessaNsHookHandler("note"));
+    WriteDescriptor("note", R"({"lib":)");
+    EXPECT_EQ(nullptr, KOLVVessaNsHookHandler("note"));
+    UseLibrary("note", m_sys.Path("/no/such/library.so"));
+    EXPECT_EQ(nullptr, KOLVVessaNsHookHandler("note"));
+
+    // A name that climbs out of the descriptor folder is refused before any
+    // file is looked at, though a descriptor waits one level up.
+    kolvtest::WriteFile(m_sys.Path("/usr/local/libexec/escape.lib"), R"({"lib":")" KOLV_NOTE_HOOK_LIB R"("})");
+    EXPECT_EQ(nullptr, KOLVVessaNsHookHandler("../escape"));
+    EXPECT_EQ(nullptr, KOLVVessaNsHookHandler(""));
+
+    KOLVVESSA_NS_HOOK pPre = nullptr, pPost = nullptr;
+    EXPECT_FALSE(KOLVVessaNsHookGet(nullptr, "create", &pPre, &pPost));
+    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_EQ("NULL == dlHandle", OriginMsg());
+    EXPECT_FALSE(KOLVVessaNsBatchHookGet(nullptr, "set", &pPre, &pPost));
+    EXPECT_EQ("NULL == dlHandle", OriginMsg());
+}
+
+TEST_F(NsHookTest, LibraryWithoutTablesFailsWithTheLoaderText) {
+    UseLibrary("note", KOLV_NO_TABLE_HOOK_LIB);
+    ASSERT_NE(nullptr, Open("note"));
+    KOLVVESSA_NS_HOOK pPre = nullptr, pPost = nullptr;
+    EXPECT_FALSE(KOLVVessaNsHookGet(m_dlHandle, "create", &pPre, &pPost));
+    EXPECT_EQ(1013, KOLVVessaErrCodeGet());
+    EXPECT_EQ(0u, OriginMsg().find("cannot load symbol: ")) << OriginMsg();
+    EXPECT_NE(std::string::npos, OriginMsg().find("GetTable")) << OriginMsg();
+    EXPECT_FALSE(KOLVVessaNsBatchHookGet(m_dlHandle, "set", &pPre, &pPost));
+    EXPECT_EQ(1013, KOLVVessaErrCodeGet());
+    EXPECT_EQ(0u, OriginMsg().find("cannot load batch table: ")) << OriginMsg();
+    EXPECT_NE(std::string::npos, OriginMsg().find("GetBatchTable")) << OriginMsg();
+}
+
+TEST_F(NsHookTest, MissingOperationLeavesOutputsAndErrorsAlone) {
+    UseLibrary("note", KOLV_CREATE_ONLY_HOOK_LIB);
+    ASSERT_NE(nullptr, Open("note"));
+    KOLVVESSA_NS_HOOK pPre = Sentinel, pPost = Sentinel;
+    KOLVVessaErrSetEx(1031, "earlier", 1, "earlier failure");
+    EXPECT_FALSE(KOLVVessaNsHookGet(m_dlHandle, "set", &pPre, &pPost));
+    EXPECT_EQ(&Sentinel, pPre);
+    EXPECT_EQ(&Sentinel, pPost);
+    EXPECT_EQ(1031, KOLVVessaErrCodeGet());
+    EXPECT_EQ("earlier failure", OriginMsg());
+
+    ASSERT_TRUE(KOLVVessaNsHookGet(m_dlHandle, "create", &pPre, &pPost));
+    EXPECT_NE(&Sentinel, pPre);
+    EXPECT_NE(nullptr, pPre);
+    EXPECT_NE(nullptr, pPost);
+    // The variant has no batch table.
+    EXPECT_FALSE(KOLVVessaNsBatchHookGet(m_dlHandle, "set", &pPre, &pPost));
+    EXPECT_EQ(1013, KOLVVessaErrCodeGet());
+}
+
+TEST_F(NsHookTest, HooksOfTheLibraryRunWithTheObject) {
+    std::string strLog = m_sys.Path("/tmp/hook.log");
+    setenv("KOLV_HOOK_LOG", strLog.c_str(), 1);
+    UseLibrary("note", KOLV_NOTE_HOOK_LIB);
+    ASSERT_NE(nullptr, Open("note"));
+
+    KOLVVESSA_NS_HOOK pPre = nullptr, pPost = nullptr;
+    ASSERT_TRUE(KOLVVessaNsHookGet(m_dlHandle, "field_rename", &pPre, &pPost));
+    ASSERT_NE(nullptr, pPre);
+    ASSERT_NE(nullptr, pPost);
+    KOLV_VESSA_OBJECT object;
+    object.set_id("1101_0123456789ABCDEF");
+    Json::Value jParm;
+    pPre(jParm, &object);
+    pPost(jParm, nullptr);
+
+    KOLVVESSA_NS_HOOK pBatchPre = nullptr, pBatchPost = nullptr;
+    EXPECT_FALSE(KOLVVessaNsBatchHookGet(m_dlHandle, "create", &pBatchPre, &pBatchPost));
+    ASSERT_TRUE(KOLVVessaNsBatchHookGet(m_dlHandle, "delete", &pBatchPre, &pBatchPost));
+    pBatchPost(jParm, &object);
+    unsetenv("KOLV_HOOK_LOG");
+
+    EXPECT_EQ("pre field_rename 1101_0123456789ABCDEF\n"
+              "post field_rename -\n"
+              "post delete 1101_0123456789ABCDEF\n",
+              kolvtest::ReadFile(strLog));
+}
+
+} // namespace
