@@ -1,0 +1,166 @@
+// The JSON utilities: top-level diff, and the safe file write under
+// contention from other processes.
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "common/kolvvessa_json_internal.h"
+#include "kolvvessa/kolvvessa_common.h"
+#include "kolvvessa/kolvvessa_error.h"
+#include "support/kolv_test_support.h"
+
+namespace {
+
+constexpr int kWriters = 8;
+constexpr int kWritesEach = 200;
+
+Json::Value Obj(const char *szText) {
+    return kolvtest::ParseJson(szText);
+}
+
+// The value writer w writes on its i-th turn: large enough that a torn
+// file would show.
+Json::Value WriterValue(int w, int i) {
+    Json::Value j(Json::objectValue);
+    j["writer"] = w;
+    j["seq"] = i;
+    j["pad"] = std::string(4000, (char)('a' + w));
+    return j;
+}
+
+bool IsWholeValue(const Json::Value &j) {
+    if (!j.isObject() || !j["writer"].isInt() || !j["pad"].isString()) return false;
+    int w = j["writer"].asInt();
+    return w >= 0 && w < kWriters && j["pad"].asString() == std::string(4000, (char)('a' + w));
+}
+
+// A child writing strPath kWritesEach times; exits non-zero when a write
+// failed for any reason but a busy lock.
+pid_t StartWriter(int w, const std::string &strPath) {
+    pid_t pid = fork();
+    if (0 != pid) return pid;
+    int nBroken = 0;
+    for (int i = 0; i < kWritesEach; ++i) {
+        if (!KOLVVessaJsonToFile(WriterValue(w, i), strPath) && 1001 != KOLVVessaErrCodeGet()) ++nBroken;
+    }
+    _exit(nBroken ? 1 : 0);
+}
+
+} // namespace
+
+TEST(JsonDiff, RecordsAndUntouchedResult) {
+    Json::Value jResult = Obj("[\"caller's\"]");
+    ASSERT_TRUE(KOLVVessaJsonDiff(Obj("{\"a\":1,\"n\":{\"x\":1}}"), Obj("{\"n\":{\"x\":1},\"a\":1}"), jResult));
+    EXPECT_EQ(Obj("[\"caller's\"]"), jResult);
+
+    ASSERT_TRUE(
+        KOLVVessaJsonDiff(Obj("{\"a\":1,\"b\":2,\"n\":{\"x\":1}}"), Obj("{\"b\":3,\"d\":4,\"n\":{\"x\":2}}"), jResult));
+    EXPECT_EQ(Obj("[{\"key\":\"a\",\"type\":\"del\",\"value\":1},"
+                  "{\"key\":\"b\",\"type\":\"sub\",\"old_value\":2,\"new_value\":3},"
+                  "{\"key\":\"n\",\"type\":\"sub\",\"old_value\":{\"x\":1},\"new_value\":{\"x\":2}},"
+                  "{\"key\":\"d\",\"type\":\"ins\",\"value\":4}]"),
+              jResult);
+
+    EXPECT_FALSE(KOLVVessaJsonDiff(Obj("[1]"), Obj("{}"), jResult));
+    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jData1.isObject()", kolvtest::OriginMsg());
+    EXPECT_FALSE(KOLVVessaJsonDiff(Obj("{}"), Json::Value(), jResult));
+    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jData2.isObject()", kolvtest::OriginMsg());
+}
+
+class JsonFile : public kolvtest::SysrootTest {
+  protected:
+    std::string Path(const char *szName) const { return m_sys.Path(std::string("/tmp/") + szName); }
+};
+
+TEST_F(JsonFile, WriteReplacesWholeFile) {
+    std::string strPath = Path("a.json");
+    ASSERT_TRUE(kolv::KolvJson(WriterValue(1, 1)).toFile(strPath));
+    ASSERT_TRUE(KOLVVessaJsonToFile(Obj("{\"short\":true}"), strPath));
+    kolv::KolvJson jRead;
+    ASSERT_TRUE(jRead.fromFile(strPath));
+    EXPECT_EQ(Obj("{\"short\":true}"), jRead);
+    EXPECT_EQ("{\"short\":true}", jRead.toString());
+    EXPECT_FALSE(kolvtest::RunCommand("test -e '" + strPath + ".tmp'") == 0);
+
+    // Neither an unreadable file nor bad text touches the value.
+    EXPECT_FALSE(jRead.fromFile(Path("missing.json")));
+    EXPECT_FALSE(jRead.fromString("{\"a\":"));
+    EXPECT_EQ(Obj("{\"short\":true}"), jRead);
+}
+
+TEST_F(JsonFile, WriteFailures) {
+    EXPECT_FALSE(KOLVVessaJsonToFile(Obj("{}"), ""));
+    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_EQ("strPath.empty()", kolvtest::OriginMsg());
+
+    EXPECT_FALSE(KOLVVessaJsonToFile(Obj("{}"), Path("no/such/dir.json")));
+    EXPECT_EQ(1002, KOLVVessaErrCodeGet());
+    EXPECT_EQ("0 > fdLock", kolvtest::OriginMsg());
+
+    // The temporary file cannot be opened where a directory stands.
+    std::string strPath = Path("b.json");
+    ASSERT_EQ(0, kolvtest::RunCommand("mkdir '" + strPath + ".tmp'"));
+    EXPECT_FALSE(KOLVVessaJsonToFile(Obj("{}"), strPath));
+    EXPECT_EQ(1002, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!ofs.good()", kolvtest::OriginMsg());
+}
+
+TEST_F(JsonFile, LockHeldElsewhereGivesUp) {
+    std::string strPath = Path("locked.json");
+    int rgPipe[2];
+    ASSERT_EQ(0, pipe(rgPipe));
+    pid_t pid = fork();
+    if (0 == pid) {
+        int fd = open(strPath.c_str(), O_WRONLY | O_CREAT, 0600);
+        bool blLocked = fd >= 0 && 0 == flock(fd, LOCK_EX);
+        if (1 != write(rgPipe[1], blLocked ? "L" : "E", 1)) _exit(1);
+        sleep(3);
+        _exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(1, read(rgPipe[0], &c, 1));
+    ASSERT_EQ('L', c);
+
+    EXPECT_FALSE(KOLVVessaJsonToFile(Obj("{}"), strPath));
+    EXPECT_EQ(1001, KOLVVessaErrCodeGet());
+    EXPECT_EQ("flock [" + strPath + "] failed for 5 times.", kolvtest::OriginMsg());
+
+    kill(pid, SIGKILL);
+    waitpid(pid, NULL, 0);
+    close(rgPipe[0]);
+    close(rgPipe[1]);
+    EXPECT_TRUE(KOLVVessaJsonToFile(Obj("{}"), strPath));
+}
+
+TEST_F(JsonFile, ConcurrentWritersNeverTear) {
+    std::string strPath = Path("shared.json");
+    ASSERT_TRUE(KOLVVessaJsonToFile(WriterValue(0, -1), strPath));
+
+    std::vector<pid_t> writers;
+    for (int w = 0; w < kWriters; ++w)
+        writers.push_back(StartWriter(w, strPath));
+
+    // Read while they write: every read must see one writer's whole value.
+    int nRunning = kWriters, nReads = 0, nTorn = 0, nFailed = 0;
+    while (nRunning > 0) {
+        if (!IsWholeValue(kolvtest::ParseJson(kolvtest::ReadFile(strPath)))) ++nTorn;
+        ++nReads;
+        int status = 0;
+        pid_t pid = waitpid(-1, &status, WNOHANG);
+        if (pid > 0) {
+            --nRunning;
+            if (!WIFEXITED(status) || 0 != WEXITSTATUS(status)) ++nFailed;
+        }
+    }
+    EXPECT_EQ(0, nTorn) << "of " << nReads << " reads";
+    EXPECT_EQ(0, nFailed);
+    EXPECT_TRUE(IsWholeValue(kolvtest::ParseJson(kolvtest::ReadFile(strPath))));
+    EXPECT_NE(0, kolvtest::RunCommand("test -e '" + strPath + ".tmp'"));
+}
