@@ -1,0 +1,63 @@
+/*
+ * kolvvessa_git_internal.h - pieces shared by the files of the git layer:
+ * kolvvessa_git.cpp (lock, create, commit, checkout), kolvvessa_git_tree.cpp
+ * (building a tree from the add, delete and rename lists) and
+ * kolvvessa_git_history.cpp (latest commit, commit information, diff,
+ * history).
+ *
+ * Every function returns 0 or a negative libgit2 code and has logged the
+ * failure with the libgit2 error text; nothing touches the error stack.
+ */
+#ifndef KOLVVESSA_GIT_INTERNAL_H
+#define KOLVVESSA_GIT_INTERNAL_H
+
+#include <git2.h>
+#include <json/json.h>
+#include <kolvplatform/kolv_platform.h>
+
+#include <string>
+
+#include "common/kolvvessa_raii.h"
+
+namespace kolv {
+namespace git {
+
+/* Keeps libgit2 initialised for the life of one call of the layer; the
+ * library counts nested initialisations, so this is cheap when the caller
+ * (the file store's backend) already holds one. */
+class LibScope {
+  public:
+    LibScope() { git_libgit2_init(); }
+    ~LibScope() { git_libgit2_shutdown(); }
+    LibScope(const LibScope &) = delete;
+    LibScope &operator=(const LibScope &) = delete;
+};
+
+/* The message of libgit2's last error, "" when there is none. */
+const char *ErrText();
+
+/* Opens the repository at szRepo (its work tree). */
+int OpenRepository(const char *szRepo, GitRepository &pRepo);
+
+/* Builds the tree pBase (NULL: empty) changed by the renames (old tree
+ * path -> new), then the adds (tree path -> disk file), then the deletes;
+ * any hash may be NULL. The new tree is written and looked up into pOut. */
+int BuildTree(git_repository *pRepo, git_tree *pBase, TRABCSzHash *pAdd, TRABCSzHash *pDel, TRABCSzHash *pRename,
+              GitTree &pOut);
+
+/* The latest commit: the tip of the local branch with the strictly
+ * greatest commit time (the first branch met wins a tie). strBranch
+ * receives the branch's reference name when given. GIT_ENOTFOUND when
+ * there is no branch. */
+int FindLatest(git_repository *pRepo, git_oid *pOid, std::string *pStrBranch);
+
+/* Fills jInfo with {"version","auther","email","mtime","msg","parent"}. */
+void CommitInfo(const git_commit *pCommit, Json::Value &jInfo);
+
+/* Checkout options of the layer: force, and remove untracked files. */
+git_checkout_options CheckoutOptions();
+
+} // namespace git
+} // namespace kolv
+
+#endif /* KOLVVESSA_GIT_INTERNAL_H */
