@@ -1,0 +1,378 @@
+// Listing from the index: own objects first, then the shared ones others
+// may see; filters; field selection; paging; the front-end checks.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+
+#include "kolvvessa/kolvvessa_backend.h"
+#include "kolvvessa/kolvvessa_common.h"
+#include "kolvvessa/kolvvessa_conf.h"
+#include "kolvvessa/kolvvessa_error.h"
+#include "kolvvessa/kolvvessa_index.h"
+#include "kolvvessa/kolvvessa_object.h"
+#include "support/kolv_test_support.h"
+
+namespace {
+
+using kolvtest::kAlice;
+using kolvtest::kBob;
+using kolvtest::kCarol;
+
+Json::Value Acl(const char *szPublicPerm) {
+    Json::Value j;
+    j["enabled"] = szPublicPerm != nullptr;
+    if (szPublicPerm) j["public"]["perm"] = szPublicPerm;
+    return j;
+}
+
+// A chain of records written to the index with one batch.
+class Rows {
+  public:
+    ~Rows() { KOLVVessaObjectFreeList(m_head); }
+    KOLV_VESSA_OBJECT *Add(const std::string &strId, unsigned owner, long mtime, const Json::Value &jAcl = Acl(nullptr),
+                           const std::string &strNs = "note") {
+        KOLV_VESSA_OBJECT *p = KOLVVessaObjectAlloc();
+        p->set_id(strId);
+        p->set_ns(strNs);
+        p->set_owner(owner);
+        p->set_category("memo");
+        p->set_parent_id(std::to_string(owner) + "_#00000000");
+        p->set_mtime(mtime);
+        p->set_ctime(mtime);
+        p->set_acl(jAcl);
+        *m_tail = p;
+        m_tail = &p->m_next;
+        return p;
+    }
+    bool Index() { return KOLVVessaObjectBatchIndex(m_head); }
+
+  private:
+    KOLV_VESSA_OBJECT *m_head = nullptr;
+    KOLV_VESSA_OBJECT **m_tail = &m_head;
+};
+
+class ListTest : public kolvtest::SysrootTest {
+  protected:
+    void SetUp() override {
+        if (!kolvtest::HavePostgres()) GTEST_SKIP() << "PGHOST is not set: no PostgreSQL server for the index";
+        kolvtest::DropIndexDatabase();
+        m_sys.EnableNamespace("note");
+    }
+
+    static Json::Value Request(unsigned requester, const std::string &strNs = "note") {
+        Json::Value j;
+        j["ns"] = strNs;
+        j["requester"] = requester;
+        return j;
+    }
+
+    // "id/perm" of every listed object, "ERR" on failure; the count and
+    // total must agree with the list.
+    static std::string List(const Json::Value &jParm) {
+        KOLV_VESSA_OBJECT *pHead = nullptr;
+        unsigned total = 12345;
+        int count = KOLVVessaObjectList(jParm, &pHead, total);
+        if (count < 0) return "ERR";
+        std::string str;
+        int n = 0;
+        for (KOLV_VESSA_OBJECT *p = pHead; p; p = p->m_next, ++n) {
+            str += (str.empty() ? "" : ",") + p->get_id() + "/" + p->get_perm();
+        }
+        EXPECT_EQ(count, n);
+        EXPECT_EQ((unsigned)count, total);
+        KOLVVessaObjectFreeList(pHead);
+        return str;
+    }
+};
+
+TEST_F(ListTest, OwnObjectsNewestFirstThenSharedOnesOfOthers) {
+    Rows rows;
+    rows.Add("a1", kAlice, 10);
+    rows.Add("a2", kAlice, 30);
+    rows.Add("a3", kAlice, 20, Acl("ro"));
+    rows.Add("b1", kBob, 40, Acl("ro"));
+    rows.Add("b2", kBob, 50);
+    rows.Add("b3", kBob, 5, Acl("rw"));
+    rows.Add("c1", kCarol, 60, Acl("rw")); // an expired owner is never shown
+    rows.Add("bt", kBob, 70, Acl("rw"), "todo");
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+
+    EXPECT_EQ("a2/owner,a3/owner,a1/owner,b1/ro,b3/rw", List(Request(kAlice)));
+    EXPECT_EQ("b2/owner,b1/owner,b3/owner,a3/ro", List(Request(kBob)));
+    EXPECT_EQ("c1/rw,b2/rw,b1/rw,a2/rw,a3/rw,a1/rw,b3/rw", List(Request(0)));
+
+    // Limit 0: no own objects (zero limit in the database), every visible
+    // shared one (no limit in code).
+    Json::Value jParm = Request(kAlice);
+    jParm["limit"] = 0;
+    EXPECT_EQ("b1/ro,b3/rw", List(jParm));
+    // The offset counts the visible objects of either part.
+    jParm["offset"] = 1;
+    jParm["limit"] = 1;
+    EXPECT_EQ("a3/owner,b3/rw", List(jParm));
+
+    jParm = Request(kAlice);
+    jParm["filter"]["owner"] = "bob";
+    EXPECT_EQ("b1/ro,b3/rw", List(jParm));
+    jParm["filter"]["owner"] = "alice";
+    EXPECT_EQ("a2/owner,a3/owner,a1/owner", List(jParm));
+    jParm["filter"]["owner"] = "carol";
+    EXPECT_EQ("", List(jParm));
+
+    // The system requester, every namespace, one owner by uid.
+    jParm = Request(0, "*");
+    jParm["filter"]["owner_uid"] = kBob;
+    EXPECT_EQ("bt/rw,b2/rw,b1/rw,b3/rw", List(jParm));
+
+    // Bob withdraws sharing: his objects are gone for everybody else.
+    ASSERT_EQ(0, KOLVVessaSettingsSharingSet("note", kBob, 0));
+    jParm = Request(kAlice);
+    jParm["filter"]["owner"] = "bob";
+    EXPECT_EQ("", List(jParm));
+    EXPECT_EQ("a2/owner,a3/owner,a1/owner", List(Request(kAlice)));
+    EXPECT_EQ("b2/owner,b1/owner,b3/owner,a3/ro", List(Request(kBob)));
+}
+
+TEST_F(ListTest, FieldSelectionChoosesColumnsByKeyNotValue) {
+    Rows rows;
+    Json::Value jText;
+    jText["title"] = "hello";
+    rows.Add("a1", kAlice, 10, Acl("ro"))->set_text(jText);
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+
+    Json::Value jParm = Request(kAlice);
+    KOLV_VESSA_OBJECT_LIST list;
+    unsigned total = 0;
+    ASSERT_EQ(1, list.ListObject(jParm, total)) << kolvtest::StackText();
+    EXPECT_TRUE(list.m_head->get_text().isNull());
+    EXPECT_EQ("ro", list.m_head->get_acl()["public"]["perm"].asString());
+    EXPECT_EQ(kAlice, list.m_head->get_owner());
+    EXPECT_EQ(10, list.m_head->get_mtime());
+
+    jParm["field"]["text"] = false;
+    ASSERT_EQ(1, list.ListObject(jParm, total)) << kolvtest::StackText();
+    EXPECT_EQ("hello", list.m_head->get_text()["title"].asString());
+    EXPECT_TRUE(list.m_head->get_metatext().isNull());
+}
+
+TEST_F(ListTest, EveryFilterForm) {
+    Rows rows;
+    KOLV_VESSA_OBJECT *r1 = rows.Add("r1", kAlice, 30);
+    KOLV_VESSA_OBJECT *r2 = rows.Add("r2", kAlice, 20);
+    KOLV_VESSA_OBJECT *r3 = rows.Add("r3", kAlice, 10);
+    rows.Add("b1", kBob, 40);
+    r1->set_text(kolvtest::ParseJson(R"({"done":true,"title":"alpha","tags":["x","y"],"n":5})"));
+    r2->set_text(kolvtest::ParseJson(R"({"done":false,"title":"beta","tags":["y"]})"));
+    r3->set_text(kolvtest::ParseJson(R"({"title":"gamma"})"));
+    r1->set_metatext(kolvtest::ParseJson(R"({"color":"red"})"));
+    r2->set_metatext(kolvtest::ParseJson(R"({"color":"blue","pin":true})"));
+    r1->set_binary_info(kolvtest::ParseJson(R"({"a.png":{"md5":"0"}})"));
+    r2->set_metabinary_info(kolvtest::ParseJson(R"({"m.bin":{"md5":"1"}})"));
+    r2->set_category("other");
+    r1->set_parent_id("p1");
+    r2->set_parent_id("p2");
+    r3->set_parent_id("p3");
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+
+    const struct {
+        const char *szFilter;
+        const char *szExpect;
+    } rgCases[] = {
+        {R"({"text":{"done":true}})", "r1/owner"},
+        {R"({"text":{"done":false}})", "r2/owner"},
+        {R"({"text":{"title":"beta"}})", "r2/owner"},
+        {R"({"text":{"tags":["y"]}})", "r1/owner,r2/owner"},
+        {R"({"text":{"tags":["x","y"]}})", "r1/owner"},
+        {R"({"text":{"n":5}})", "r1/owner"},
+        {R"({"text":["tags"]})", "r1/owner,r2/owner"},
+        {R"({"metatext":{"pin":true}})", "r2/owner"},
+        {R"({"metatext":["color"]})", "r1/owner,r2/owner"},
+        {R"({"binary":["a.png"]})", "r1/owner"},
+        {R"({"metabinary":["m.bin"]})", "r2/owner"},
+        {R"({"binary":["m.bin"]})", ""},
+        {R"({"category":"memo","text":{"title":"gamma"}})", "r3/owner"},
+        {R"({"parent_id":"p2"})", "r2/owner"},
+        {R"({"parent_id":["p1","p3"]})", "r1/owner,r3/owner"},
+    };
+    for (const auto &c : rgCases) {
+        Json::Value jParm = Request(kAlice);
+        jParm["filter"] = kolvtest::ParseJson(c.szFilter);
+        EXPECT_EQ(c.szExpect, List(jParm)) << c.szFilter;
+    }
+
+    Json::Value jParm = Request(0, "*");
+    jParm["filter"]["_not_owner_"].append(kAlice);
+    EXPECT_EQ("b1/rw", List(jParm));
+    jParm["filter"]["_not_owner_"] = Json::Value(Json::arrayValue);
+    EXPECT_EQ("b1/rw,r1/rw,r2/rw,r3/rw", List(jParm));
+
+    jParm = Request(kAlice);
+    jParm["filter"]["binary"] = "a.png";
+    EXPECT_EQ("ERR", List(jParm));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jFilter.isArray()", kolvtest::OriginMsg());
+    EXPECT_NE(std::string::npos,
+              kolvtest::StackText().find("!add_condition_binary(jParm[\"filter\"][\"binary\"], \"binary\", "
+                                         "strCondition)"));
+    jParm["filter"] = kolvtest::ParseJson(R"({"metatext":5})");
+    EXPECT_EQ("ERR", List(jParm));
+    EXPECT_EQ("!jFilter.isObject()", kolvtest::OriginMsg());
+    EXPECT_NE(std::string::npos,
+              kolvtest::StackText().find("!add_condition_text(jParm[\"filter\"][\"metatext\"], \"metatext\", "
+                                         "strCondition)"));
+}
+
+TEST_F(ListTest, HostileTextIsMatchedAsDataNeverRun) {
+    const std::string strNs = "n'o\\te; --";
+    const std::string strCategory = "c'); DROP TABLE object; --";
+    const std::string strId = "id'; DELETE FROM object; --";
+    Rows rows;
+    KOLV_VESSA_OBJECT *p = rows.Add(strId, kAlice, 10, Acl("ro"), strNs);
+    p->set_category(strCategory);
+    p->set_parent_id("p'\\1");
+    Json::Value jText;
+    jText["ti'tle"] = "va'l\\ue \xe2\x9c\x93 \"q\"";
+    p->set_text(jText);
+    rows.Add("plain", kAlice, 5, Acl("ro"), strNs);
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+
+    Json::Value jParm = Request(kAlice, strNs);
+    EXPECT_EQ(strId + "/owner,plain/owner", List(jParm));
+    jParm["filter"]["category"] = strCategory;
+    EXPECT_EQ(strId + "/owner", List(jParm));
+    jParm["filter"]["parent_id"].append("p'\\1");
+    EXPECT_EQ(strId + "/owner", List(jParm));
+    jParm["filter"]["text"] = jText;
+    EXPECT_EQ(strId + "/owner", List(jParm));
+    jParm["filter"]["text"] = Json::Value(Json::arrayValue);
+    jParm["filter"]["text"].append("ti'tle");
+    EXPECT_EQ(strId + "/owner", List(jParm));
+    jParm["filter"]["binary"].append("x'); --");
+    EXPECT_EQ("", List(jParm));
+    // Seen by bob through the shared part, paged in code.
+    EXPECT_EQ(strId + "/ro,plain/ro", List(Request(kBob, strNs)));
+
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
+    Json::Value jDel;
+    jDel["ns"] = strNs;
+    jDel["id"] = strId;
+    ASSERT_TRUE(pBackend->Delete(jDel)) << kolvtest::StackText();
+    EXPECT_EQ("plain", kolvtest::Psql("SELECT id FROM object;"));
+}
+
+TEST_F(ListTest, PagesOfEqualTimesNeverOverlap) {
+    Rows rows;
+    for (int i = 0; i < 500; ++i)
+        rows.Add(KOLVVessaObjectGenerateID(kAlice), kAlice, 1000, Acl("ro"));
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+
+    // Alice's own objects are paged by the database, bob's view of them in
+    // code.
+    for (unsigned requester : {kAlice, kBob}) {
+        std::set<std::string> seen;
+        for (int offset = 0; offset < 500; offset += 50) {
+            Json::Value jParm = Request(requester);
+            jParm["offset"] = offset;
+            jParm["limit"] = 50;
+            KOLV_VESSA_OBJECT_LIST list;
+            unsigned total = 0;
+            ASSERT_EQ(50, list.ListObject(jParm, total)) << kolvtest::StackText();
+            EXPECT_EQ(50u, total);
+            for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next)
+                seen.insert(p->get_id());
+        }
+        EXPECT_EQ(500u, seen.size()) << requester;
+    }
+}
+
+TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
+    const struct {
+        const char *szReq;
+        int code;
+        const char *szOrigin;
+    } rgCases[] = {
+        {R"({"requester":1101})", 1007,
+         "!jParm.isMember(\"ns\") || !jParm[\"ns\"].isString() || !jParm.isMember(\"requester\") || "
+         "!jParm[\"requester\"].isIntegral()"},
+        {R"({"ns":"note","requester":"1101"})", 1007,
+         "!jParm.isMember(\"ns\") || !jParm[\"ns\"].isString() || !jParm.isMember(\"requester\") || "
+         "!jParm[\"requester\"].isIntegral()"},
+        {R"({"ns":"note","requester":1101,"filter":[]})", 1007, "!jParm[\"filter\"].isObject()"},
+        {R"({"ns":"note","requester":1101,"filter":{"owner":1102}})", 1007, "!jParm[\"filter\"][\"owner\"].isString()"},
+        {R"({"ns":"note","requester":1101,"filter":{"owner":"no-such-user"}})", 1022,
+         "0 > KOLVUserGet(jParm[\"filter\"][\"owner\"].asCString(), &pUser)"},
+        {R"({"ns":"note","requester":1101,"offset":"1"})", 1007,
+         "jParm.isMember(\"offset\") && !jParm[\"offset\"].isIntegral()"},
+        {R"({"ns":"note","requester":1101,"limit":1.5})", 1007,
+         "jParm.isMember(\"limit\") && !jParm[\"limit\"].isIntegral()"},
+    };
+    for (const auto &c : rgCases) {
+        EXPECT_EQ("ERR", List(kolvtest::ParseJson(c.szReq))) << c.szReq;
+        EXPECT_EQ(c.code, KOLVVessaErrCodeGet()) << c.szReq;
+        EXPECT_EQ(c.szOrigin, kolvtest::OriginMsg()) << c.szReq;
+    }
+
+    // The backend itself wants paging spelt out.
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
+    KOLV_VESSA_OBJECT *pHead = nullptr;
+    unsigned total = 0;
+    EXPECT_EQ(-1, pBackend->List(Request(kAlice), &pHead, total));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jParm.isMember(\"offset\")", kolvtest::OriginMsg());
+}
+
+TEST_F(ListTest, StringHashFormMatchesTheJsonForm) {
+    Rows rows;
+    rows.Add("a1", kAlice, 10, Acl("ro"));
+    rows.Add("b1", kBob, 20, Acl("ro"));
+    rows.Add("b2", kBob, 30, Acl("ro"));
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+
+    TRABCSzHash *pHash = TRABCSzHashAlloc(8);
+    TRABCSzHashSetValue(&pHash, "ns", "note");
+    TRABCSzHashSetValue(&pHash, "requester", "1101");
+    TRABCSzHashSetValue(&pHash, "filter", R"({"owner":"bob"})");
+    TRABCSzHashSetValue(&pHash, "field", R"({"text":true})");
+    TRABCSzHashSetValue(&pHash, "offset", "1");
+    TRABCSzHashSetValue(&pHash, "limit", "10");
+    KOLV_VESSA_OBJECT *pHead = nullptr;
+    unsigned total = 0;
+    ASSERT_EQ(1, KOLVVessaObjectList(pHash, &pHead, total)) << kolvtest::StackText();
+    EXPECT_EQ("b1", pHead->get_id());
+    EXPECT_EQ("ro", pHead->get_perm());
+    KOLVVessaObjectFreeList(pHead);
+
+    TRABCSzHashSetValue(&pHash, "requester", "11x");
+    EXPECT_EQ(-1, KOLVVessaObjectList(pHash, &pHead, total));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    TRABCSzHashFree(pHash);
+}
+
+TEST_F(ListTest, DeleteRemovesTheRowsOfOneNamespace) {
+    Rows rows;
+    rows.Add("a", kAlice, 1);
+    rows.Add("b", kAlice, 2);
+    rows.Add("c", kAlice, 3);
+    rows.Add("a", kAlice, 4, Acl(nullptr), "todo")->set_id("a-todo");
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
+    Json::Value jDel;
+    jDel["ns"] = "todo";
+    jDel["id"].append("a");
+    ASSERT_TRUE(pBackend->Delete(jDel)) << kolvtest::StackText();
+    jDel["ns"] = "note";
+    jDel["id"].append("b");
+    jDel["id"].append("missing");
+    ASSERT_TRUE(pBackend->Delete(jDel)) << kolvtest::StackText();
+    EXPECT_EQ("a-todo,c", kolvtest::Psql("SELECT string_agg(id, ',' ORDER BY id) FROM object;"));
+
+    jDel["id"] = Json::Value(Json::arrayValue);
+    EXPECT_FALSE(pBackend->Delete(jDel));
+    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
+    EXPECT_EQ("(0 != KOLVDBExecute(m_conn, strSQL.c_str(), NULL))", kolvtest::OriginMsg());
+}
+
+} // namespace

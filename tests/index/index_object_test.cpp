@@ -1,0 +1,224 @@
+// Rows of objects: the upsert after a change, the batch, the escaped id
+// list, reindex from the repository and the vacuum counter.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "kolvvessa/kolvvessa_backend.h"
+#include "kolvvessa/kolvvessa_common.h"
+#include "kolvvessa/kolvvessa_error.h"
+#include "kolvvessa/kolvvessa_index.h"
+#include "kolvvessa/kolvvessa_object.h"
+#include "support/kolv_test_support.h"
+
+namespace {
+
+class IndexObjectTest : public kolvtest::SysrootTest {
+  protected:
+    void SetUp() override {
+        if (!kolvtest::HavePostgres()) GTEST_SKIP() << "PGHOST is not set: no PostgreSQL server for the index";
+        kolvtest::DropIndexDatabase();
+        Json::Value j;
+        j["Access"]["enable"] = true;
+        j["Access"]["enable_ns_note"] = true;
+        j["Access"]["enable_ns_todo"] = true;
+        m_sys.WriteSettings(j);
+    }
+
+    // A new object of owner in ns, through the object store (which also
+    // indexes it).
+    std::string Create(const std::string &strNs, unsigned owner, const std::string &strCategory,
+                       const Json::Value &jText) {
+        Json::Value jParm;
+        jParm["ns"] = strNs;
+        jParm["requester"] = owner;
+        jParm["owner"] = owner;
+        jParm["category"] = strCategory;
+        jParm["text"] = jText;
+        KOLV_VESSA_OBJECT Object;
+        std::string strId, strVer;
+        EXPECT_TRUE(Object.Create(jParm, strId, strVer)) << kolvtest::StackText();
+        return strId;
+    }
+
+    static std::string Count(const std::string &strWhere = "TRUE") {
+        return kolvtest::Psql("SELECT count(*) FROM object WHERE " + strWhere + ";");
+    }
+};
+
+Json::Value Text(const std::string &strTitle) {
+    Json::Value j;
+    j["title"] = strTitle;
+    return j;
+}
+
+KOLV_VESSA_OBJECT *Record(const std::string &strId, const std::string &strCategory) {
+    KOLV_VESSA_OBJECT *p = KOLVVessaObjectAlloc();
+    p->set_id(strId);
+    p->set_ns("note");
+    p->set_owner(kolvtest::kAlice);
+    p->set_category(strCategory);
+    p->set_mtime(100);
+    return p;
+}
+
+TEST_F(IndexObjectTest, UpsertAddsOneRowThenUpdatesItInPlace) {
+    // Quotes, a backslash, a comment and Unicode are data all the way.
+    const std::string strCategory = "it's \\ a -- ; \xe2\x9c\x93";
+    std::string strId = Create("note", kolvtest::kAlice, strCategory, Text("o'clock \\n \xc3\xa9"));
+    ASSERT_FALSE(strId.empty());
+    kolvtest::Psql("DELETE FROM object;");
+
+    ASSERT_TRUE(KOLVVessaObjectIndex(strId.c_str(), "note", kolvtest::kAlice)) << kolvtest::StackText();
+    EXPECT_EQ("1", Count());
+    EXPECT_EQ(strId + "|note|1101|" + strCategory + "|o'clock \\n \xc3\xa9",
+              kolvtest::Psql("SELECT id, ns, owner, category, text->>'title' FROM object;"));
+    EXPECT_EQ("t", kolvtest::Psql("SELECT version ~ '^[0-9a-f]{40}$' AND mtime > 0 AND ctime > 0 FROM object;"));
+
+    kolvtest::Psql("UPDATE object SET category='stale', mtime=1;");
+    ASSERT_TRUE(KOLVVessaObjectIndex(strId.c_str(), "note", 0)) << kolvtest::StackText();
+    EXPECT_EQ("1", Count());
+    EXPECT_EQ("1", Count("mtime > 1 AND category = '" + std::string("it''s \\ a -- ; \xe2\x9c\x93") + "'"));
+
+    // An object that cannot be read leaves the table alone.
+    EXPECT_FALSE(KOLVVessaObjectIndex((std::to_string(kolvtest::kAlice) + "_" + std::string(96, 'A')).c_str(), "note",
+                                      kolvtest::kAlice));
+    EXPECT_NE(std::string::npos, kolvtest::StackText().find("!Object.Get(jGetParm)"));
+    EXPECT_NE(std::string::npos, kolvtest::StackText().find("!KOLVVessaObjectIndexEx(pConn, szID, szNs, requester)"));
+    EXPECT_EQ("1", Count());
+
+    // The index backend's create indexes the named object.
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
+    kolvtest::Psql("DELETE FROM object;");
+    Json::Value jParm;
+    jParm["ns"] = "note";
+    jParm["id"] = strId;
+    std::string strOutId, strVer;
+    ASSERT_TRUE(pBackend->Create(jParm, strOutId, strVer)) << kolvtest::StackText();
+    EXPECT_EQ(strId, strOutId);
+    EXPECT_EQ("1", Count());
+    jParm.removeMember("id");
+    EXPECT_FALSE(pBackend->Create(jParm, strOutId, strVer));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jParm[\"id\"].isString() || !jParm[\"ns\"].isString()", kolvtest::OriginMsg());
+}
+
+TEST_F(IndexObjectTest, BatchReplacesEveryRowInOneStatement) {
+    KOLVDB *pConn = KOLVVessaOpenConn();
+    ASSERT_NE(nullptr, pConn) << kolvtest::StackText();
+    KOLV_VESSA_OBJECT *pList = Record("a", "one");
+    pList->m_next = Record("b'); DELETE FROM object; --", "two");
+    pList->m_next->m_next = Record("c", "three");
+    ASSERT_TRUE(KOLVVessaObjectBatchIndex(pList)) << kolvtest::StackText();
+    EXPECT_EQ("3", Count());
+    // Null JSON members are stored as empty objects.
+    EXPECT_EQ("{}|{}|{}", kolvtest::Psql("SELECT acl::text, text::text, extra_info::text FROM object WHERE id='a';"));
+
+    pList->m_next->set_category("TWO");
+    ASSERT_TRUE(KOLVVessaObjectBatchIndexEx(pList, pConn)) << kolvtest::StackText();
+    EXPECT_EQ("3", Count());
+    EXPECT_EQ("TWO", kolvtest::Psql("SELECT category FROM object WHERE id='b''); DELETE FROM object; --';"));
+    KOLVVessaObjectFreeList(pList);
+
+    // An empty chain makes a statement the database refuses; nothing moves.
+    EXPECT_FALSE(KOLVVessaObjectBatchIndexEx(NULL, pConn));
+    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
+    EXPECT_EQ("(0 != KOLVDBExecute(pConn, strSQL.c_str(), NULL))", kolvtest::OriginMsg());
+    EXPECT_EQ("3", Count());
+    EXPECT_FALSE(KOLVVessaObjectBatchIndexEx(NULL, NULL));
+    EXPECT_EQ("(0 != KOLVDBExecute(pConn, strSQL.c_str(), NULL))\nNULL == pConn", kolvtest::StackText());
+}
+
+TEST_F(IndexObjectTest, EscapedIdListOfStringArrayAndOtherValues) {
+    EXPECT_EQ("('x')", KOLVVessaObjectEscapeStringArray(Json::Value("x")));
+    EXPECT_EQ("()", KOLVVessaObjectEscapeStringArray(Json::Value(Json::arrayValue)));
+    Json::Value jIds(Json::arrayValue);
+    jIds.append("a'b");
+    jIds.append("c\\");
+    EXPECT_EQ("('a''b','c\\')", KOLVVessaObjectEscapeStringArray(jIds));
+
+    KOLVVessaErrSetEx(1, "x", 1, "reset");
+    EXPECT_EQ("()", KOLVVessaObjectEscapeStringArray(Json::Value(5)));
+    EXPECT_EQ(1, KOLVVessaErrCodeGet());
+    EXPECT_EQ("reset\n!jsArray.isArray()", kolvtest::StackText());
+}
+
+TEST_F(IndexObjectTest, ReindexRebuildsOneNamespaceOrAll) {
+    std::string strNote1 = Create("note", kolvtest::kAlice, "n1", Text("one"));
+    std::string strNote2 = Create("note", kolvtest::kBob, "n2", Text("two"));
+    std::string strTodo = Create("todo", kolvtest::kAlice, "t1", Text("three"));
+    ASSERT_EQ("3", Count());
+    // A directory that is no object is logged and left out.
+    std::string strBad = m_sys.Repo() + "/note/" + std::to_string(kolvtest::kAlice) + "_" + std::string(96, 'B');
+    ASSERT_EQ(0, mkdir(strBad.c_str(), 0755));
+
+    kolvtest::Psql("DELETE FROM object WHERE ns='note'; UPDATE object SET category='kept';");
+    kolvtest::Psql("INSERT INTO object(id, ns, mtime) VALUES ('ghost', 'note', 1);");
+    Json::Value jParam;
+    jParam["ns"] = "note";
+    ASSERT_TRUE(KOLVVessaReindex(jParam)) << kolvtest::StackText();
+    EXPECT_EQ(strNote1 + "|n1\n" + strNote2 + "|n2",
+              kolvtest::Psql("SELECT id, category FROM object WHERE ns='note' ORDER BY category;"));
+    EXPECT_EQ("kept", kolvtest::Psql("SELECT category FROM object WHERE ns='todo';"));
+
+    ASSERT_TRUE(KOLVVessaReindex(Json::Value(Json::objectValue))) << kolvtest::StackText();
+    EXPECT_EQ("n1,n2,t1", kolvtest::Psql("SELECT string_agg(category, ',' ORDER BY category) FROM object;"));
+
+    // A namespace with no objects inserts nothing and succeeds.
+    ASSERT_EQ(0, mkdir((m_sys.Repo() + "/empty").c_str(), 0755));
+    jParam["ns"] = "empty";
+    EXPECT_TRUE(KOLVVessaReindex(jParam)) << kolvtest::StackText();
+    EXPECT_EQ("3", Count());
+
+    // A namespace that would leave the repository is refused before the
+    // table is touched.
+    for (const char *szNs : {"..", "../note", "", "a/b"}) {
+        jParam["ns"] = szNs;
+        EXPECT_FALSE(KOLVVessaReindex(jParam)) << szNs;
+        EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+        EXPECT_EQ("jParam.isMember(\"ns\") && (!jParam[\"ns\"].isString() || "
+                  "!kolv::IsSafePathName(jParam[\"ns\"].asString()))",
+                  kolvtest::OriginMsg());
+    }
+    EXPECT_FALSE(KOLVVessaReindexByNs(KOLVVessaOpenConn(), m_sys.Repo(), ".."));
+    EXPECT_EQ("NULL == szNs || !kolv::IsSafePathName(szNs)", kolvtest::OriginMsg());
+    EXPECT_EQ("3", Count());
+}
+
+// The counter file as the child leaves it, waiting (bounded) for the
+// detached child to write it.
+std::string WaitForCounter(const std::string &strFile, const std::string &strOld) {
+    std::string strNow;
+    for (int i = 0; i < 600; ++i) {
+        strNow = kolvtest::ReadFile(strFile);
+        if (!strNow.empty() && strNow != strOld) break;
+        usleep(50 * 1000);
+    }
+    return strNow;
+}
+
+TEST_F(IndexObjectTest, VacuumChildCountsExitsAndVacuumsPastTheThreshold) {
+    ASSERT_NE(nullptr, KOLVVessaOpenConn()) << kolvtest::StackText();
+    std::string strFile = m_sys.Path("/tmp/kolvvessa.tmp");
+
+    // A missing file counts as 0.
+    EXPECT_GT(KOLVVessaCheckVaccum(), 0);
+    Json::Value j = kolvtest::ParseJson(WaitForCounter(strFile, ""));
+    EXPECT_EQ(1, j["vacuum_cnt"].asInt());
+
+    kolvtest::WriteFile(strFile, "{\"vacuum_cnt\":50000}");
+    EXPECT_GT(KOLVVessaCheckVaccum(), 0);
+    j = kolvtest::ParseJson(WaitForCounter(strFile, "{\"vacuum_cnt\":50000}"));
+    EXPECT_EQ(50001, j["vacuum_cnt"].asInt());
+
+    std::string strBefore = kolvtest::ReadFile(strFile);
+    EXPECT_GT(KOLVVessaCheckVaccum(), 0);
+    j = kolvtest::ParseJson(WaitForCounter(strFile, strBefore));
+    // Written back only after a successful vacuum.
+    EXPECT_EQ(0, j["vacuum_cnt"].asInt());
+}
+
+} // namespace
