@@ -31,9 +31,20 @@ template <typename T, typename F> T GuardOp(T failValue, F body) {
     return failValue;
 }
 
+/* The first git_libgit2_init of a process sets up libgit2's TLS backend
+ * and certificates, which takes milliseconds, and the last shutdown tears
+ * it all down again. Backends live for one operation, so one reference is
+ * held for the life of the process and each backend's init and shutdown
+ * only count. */
+void PinLibgit2() {
+    static const int s_pinned = git_libgit2_init();
+    (void)s_pinned;
+}
+
 } // namespace
 
 KOLVVESSA_BACKEND_FS::KOLVVESSA_BACKEND_FS() {
+    PinLibgit2();
     git_libgit2_init();
     kolv::JsonFromString(m_jFieldTable, gszKOLVVES_OBJ_FIELD);
 }
@@ -66,6 +77,8 @@ bool KOLVVESSA_BACKEND_FS::Set(const Json::Value &jParm, std::string &strNewVer)
     return GuardOp(false, [&]() -> bool {
         if (KOLV_FAIL_IF(1015, !jParm.isMember("version"))) return false;
         if (KOLV_APPEND_IF(!mf_init(jParm))) return false;
+        // A change never brings an object into being.
+        if (KOLV_FAIL_IF(1008, !TRABCFileCheckDir(m_jPathInfo[KOLVVES_ID_PATH].asCString()))) return false;
         kolv::ObjectLock lock;
         uid_t owner = (uid_t)m_jParm["owner"].asUInt();
         if (KOLV_APPEND_IF(!lock.Acquire(m_jPathInfo[KOLVVES_ID_PATH].asString(), true, owner))) return false;

@@ -1,0 +1,270 @@
+/*
+ * Where the file store puts an object: path info, owner from the id, the
+ * directories of a new object, refusal of names that would leave the
+ * repository, field selection, and the operations not available yet.
+ */
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <regex>
+#include <string>
+
+#include "backend_fs/kolvvessaBackend_fs.h"
+#include "kolvvessa/kolvvessa_error.h"
+#include "kolvvessa/kolvvessa_object.h"
+#include "support/kolv_test_support.h"
+
+namespace {
+
+using kolvtest::OriginMsg;
+
+const char *const kNs = "note";
+const std::string kId = "1101_0123456789ABCDEF";
+
+Json::Value Parm(const std::string &strNs, const std::string &strId) {
+    Json::Value j;
+    j["ns"] = strNs;
+    j["id"] = strId;
+    return j;
+}
+
+bool IsDir(const std::string &strPath) {
+    struct stat st;
+    return 0 == stat(strPath.c_str(), &st) && S_ISDIR(st.st_mode);
+}
+
+class LayoutTest : public kolvtest::SysrootTest {
+  protected:
+    std::unique_ptr<KOLVVESSA_BACKEND_FS> m_fs{new KOLVVESSA_BACKEND_FS()};
+};
+
+TEST_F(LayoutTest, PathInfoOfAnObjectTakesTheOwnerFromTheId) {
+    Json::Value jParm = Parm(kNs, kId);
+    jParm["owner"] = 4242; // ignored: the id names the owner
+    KOLV_VESSA_OBJECT object;
+    ASSERT_TRUE(m_fs->mf_init(jParm, false, &object)) << kolvtest::StackText();
+    EXPECT_EQ(kolvtest::kAlice, m_fs->m_jParm["owner"].asUInt());
+
+    std::string strBase = m_sys.Repo() + "/note/" + kId;
+    const Json::Value &jInfo = m_fs->m_jPathInfo;
+    EXPECT_EQ(11u, jInfo.size());
+    EXPECT_EQ(strBase, jInfo["id_path"].asString());
+    for (const char *szKey : {"basic.json", "metatext.json", "metabinary", "metabinary_info", "version", "version/text",
+                              "version/binary", "version/binary_info", "git_info.json"}) {
+        EXPECT_EQ(strBase + "/" + szKey, jInfo[szKey].asString()) << szKey;
+    }
+    EXPECT_EQ(m_sys.Repo() + "/@tmp/" + kId + "." + std::to_string(getpid()), jInfo["tmp"].asString());
+
+    // The record learns where it lives; nothing is made on disk.
+    EXPECT_EQ(kNs, object.get_ns());
+    EXPECT_EQ(kId, object.get_id());
+    EXPECT_EQ(kolvtest::kAlice, object.get_owner());
+    EXPECT_EQ(jInfo, object.get_path_info());
+    EXPECT_FALSE(IsDir(m_sys.Repo()));
+
+    // A version checked out elsewhere moves only the three version folders.
+    ASSERT_TRUE(m_fs->mf_GetPathInfoByGitBase("/scratch", m_fs->m_jPathInfo));
+    EXPECT_EQ("/scratch/binary_info", m_fs->m_jPathInfo["version/binary_info"].asString());
+    EXPECT_EQ(strBase + "/version", m_fs->m_jPathInfo["version"].asString());
+}
+
+TEST_F(LayoutTest, InitChecksIdOwnerAndRequester) {
+    Json::Value jNoId;
+    jNoId["ns"] = kNs;
+    EXPECT_FALSE(m_fs->mf_init(jNoId));
+    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!m_jParm.isMember(\"id\")", OriginMsg());
+
+    EXPECT_FALSE(m_fs->mf_init(jNoId, true));
+    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!m_jParm.isMember(\"owner\")", OriginMsg());
+
+    // A requester makes the owner's existence matter; the system does not.
+    Json::Value jParm = Parm(kNs, "4242_00AA");
+    ASSERT_TRUE(m_fs->mf_init(jParm)) << kolvtest::StackText();
+    jParm["requester"] = kolvtest::kAlice;
+    EXPECT_FALSE(m_fs->mf_init(jParm));
+    EXPECT_EQ(1022, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!KOLVVessaCheckUID((uid_t)jParm[\"owner\"].asInt64())", OriginMsg());
+}
+
+TEST_F(LayoutTest, CreateMakesAFreshIdAndTheOwnersDirectories) {
+    Json::Value jParm;
+    jParm["ns"] = kNs;
+    jParm["owner"] = kolvtest::kAlice;
+    ASSERT_TRUE(m_fs->mf_init(jParm, true)) << kolvtest::StackText();
+    std::string strId = m_fs->m_jParm["id"].asString();
+    EXPECT_TRUE(std::regex_match(strId, std::regex("1101_[0-9A-F]{96}"))) << strId;
+    EXPECT_FALSE(IsDir(m_fs->m_jPathInfo["id_path"].asString()));
+
+    ASSERT_TRUE(m_fs->mf_CreatePath()) << kolvtest::StackText();
+    for (const char *szKey : {"id_path", "version", "version/text", "version/binary", "version/binary_info",
+                              "metabinary", "metabinary_info"}) {
+        std::string strDir = m_fs->m_jPathInfo[szKey].asString();
+        struct stat st;
+        ASSERT_EQ(0, stat(strDir.c_str(), &st)) << strDir;
+        EXPECT_TRUE(S_ISDIR(st.st_mode)) << strDir;
+        if (0 == geteuid()) {
+            EXPECT_EQ(kolvtest::kAlice, st.st_uid) << strDir;
+            EXPECT_EQ(100u, st.st_gid) << strDir;
+        }
+    }
+
+    // The next generated id is another one; a given id is kept unchecked.
+    ASSERT_TRUE(m_fs->mf_init(jParm, true));
+    EXPECT_NE(strId, m_fs->m_jParm["id"].asString());
+    jParm["id"] = strId;
+    ASSERT_TRUE(m_fs->mf_init(jParm, true));
+    EXPECT_EQ(strId, m_fs->m_jParm["id"].asString());
+}
+
+TEST_F(LayoutTest, NamesThatLeaveTheRepositoryAreRefused) {
+    const char *szNsCond = "!jParm[\"ns\"].isString() || !kolv::IsSafePathName(jParm[\"ns\"].asString())";
+    const char *szIdCond = "!jParm[\"id\"].isString() || !kolv::IsSafePathName(jParm[\"id\"].asString())";
+    for (const char *szNs : {"..", "a/b", ""}) {
+        Json::Value jParm = Parm(szNs, kId);
+        EXPECT_FALSE(m_fs->mf_init(jParm)) << szNs;
+        EXPECT_EQ(1007, KOLVVessaErrCodeGet()) << szNs;
+        EXPECT_EQ(szNsCond, OriginMsg()) << szNs;
+        jParm["owner"] = kolvtest::kAlice;
+        EXPECT_FALSE(m_fs->mf_init(jParm, true)) << szNs;
+        EXPECT_EQ(1007, KOLVVessaErrCodeGet()) << szNs;
+    }
+    for (const char *szId : {"1026_../../x", "1026_a/b"}) {
+        Json::Value jParm = Parm(kNs, szId);
+        EXPECT_FALSE(m_fs->mf_init(jParm)) << szId;
+        EXPECT_EQ(1007, KOLVVessaErrCodeGet()) << szId;
+        EXPECT_EQ(szIdCond, OriginMsg()) << szId;
+        jParm["owner"] = 1026;
+        EXPECT_FALSE(m_fs->mf_init(jParm, true)) << szId;
+        EXPECT_FALSE(m_fs->mf_CreatePath());
+    }
+    // Another object named in a binary input is held to the same rule.
+    ASSERT_TRUE(m_fs->mf_init(Parm(kNs, kId)));
+    Json::Value jIn;
+    jIn["id"] = "1101_../../etc";
+    jIn["name"] = "f";
+    Json::Value jOther;
+    EXPECT_FALSE(m_fs->mf_GetBinaryObjectPath(jIn, jOther));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jIn[\"id\"].isString() || !kolv::IsSafePathName(jIn[\"id\"].asString())", OriginMsg());
+
+    EXPECT_FALSE(IsDir(m_sys.Repo()));
+    EXPECT_FALSE(IsDir(m_sys.Path("/volume1/x")));
+}
+
+TEST_F(LayoutTest, OtherObjectsAreFoundInTheSameNamespace) {
+    ASSERT_TRUE(m_fs->mf_init(Parm(kNs, kId)));
+    Json::Value jIn;
+    jIn["id"] = "1102_BEEF";
+    jIn["name"] = "f";
+    Json::Value jOther;
+    ASSERT_TRUE(m_fs->mf_GetBinaryObjectPath(jIn, jOther)) << kolvtest::StackText();
+    EXPECT_EQ(m_sys.Repo() + "/note/1102_BEEF/version/binary", jOther["version/binary"].asString());
+
+    jIn["id"] = "bob_BEEF";
+    EXPECT_FALSE(m_fs->mf_GetBinaryObjectPath(jIn, jOther));
+    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_EQ("uid == UID_ERR", OriginMsg());
+    jIn.removeMember("name");
+    EXPECT_FALSE(m_fs->mf_GetBinaryObjectPath(jIn, jOther));
+    EXPECT_EQ("!jIn.isMember(\"name\")", OriginMsg());
+
+    // A meta binary file's info record sits under the same encoded name.
+    std::string strFile = m_fs->m_jPathInfo["metabinary"].asString() + "/QUJD";
+    std::string strInfo;
+    ASSERT_TRUE(m_fs->mf_GetBinaryInfoPath(strFile, strInfo));
+    EXPECT_EQ(m_fs->m_jPathInfo["metabinary_info"].asString() + "/QUJD", strInfo);
+    std::string strBare = "QUJD";
+    EXPECT_FALSE(m_fs->mf_GetBinaryInfoPath(strBare, strInfo));
+    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_EQ("cannot find the binary info path, binary file=QUJD", OriginMsg());
+}
+
+TEST_F(LayoutTest, FieldSelectionPicksStorageUnits) {
+    Json::Value jParm = Parm(kNs, kId);
+    ASSERT_TRUE(m_fs->mf_init(jParm));
+    for (const char *szUnit : {"basic.json", "metatext.json", "metabinary_info", "version", "git_info.json"})
+        EXPECT_TRUE(m_fs->mf_NeedToGet(szUnit)) << szUnit; // no selection: everything
+    EXPECT_FALSE(m_fs->mf_NeedToGet(""));
+    EXPECT_FALSE(m_fs->mf_NeedToGet(NULL));
+
+    // Units the selection does not mention fall back to the table.
+    jParm["field"]["acl"] = true;
+    ASSERT_TRUE(m_fs->mf_init(jParm));
+    EXPECT_TRUE(m_fs->mf_NeedToGet("version"));
+    EXPECT_TRUE(m_fs->mf_NeedToGet("basic.json"));
+    EXPECT_FALSE(m_fs->mf_NeedToGet("metatext.json"));
+    EXPECT_FALSE(m_fs->mf_NeedToGet("metabinary_info"));
+
+    // A nested selection counts when any boolean inside it is true.
+    jParm["field"]["ver"] = false;
+    jParm["field"]["mtime"] = false;
+    jParm["field"]["text"]["a"] = false;
+    jParm["field"]["text"]["b"]["c"] = false;
+    ASSERT_TRUE(m_fs->mf_init(jParm));
+    EXPECT_FALSE(m_fs->mf_NeedToGet("version"));
+    jParm["field"]["text"]["b"]["c"] = true;
+    ASSERT_TRUE(m_fs->mf_init(jParm));
+    EXPECT_TRUE(m_fs->mf_NeedToGet("version"));
+
+    jParm["field"]["metatext"] = 1; // neither boolean nor object: skipped
+    jParm["field"]["metabinary_info"]["x"] = true;
+    ASSERT_TRUE(m_fs->mf_init(jParm));
+    EXPECT_FALSE(m_fs->mf_NeedToGet("metatext.json"));
+    EXPECT_TRUE(m_fs->mf_NeedToGet("metabinary_info"));
+
+    // Writes: only members that are fields count.
+    Json::Value jSet = Parm(kNs, kId);
+    jSet["metatext"]["k"] = 1;
+    jSet["binary_files"] = Json::Value(Json::arrayValue);
+    jSet["metabinary_files"] = Json::Value(Json::arrayValue);
+    ASSERT_TRUE(m_fs->mf_init(jSet));
+    EXPECT_TRUE(m_fs->mf_NeedToSave("metatext.json"));
+    EXPECT_TRUE(m_fs->mf_NeedToSave("metabinary"));
+    EXPECT_FALSE(m_fs->mf_NeedToSave("basic.json"));
+    EXPECT_FALSE(m_fs->mf_NeedToSave("version"));
+}
+
+TEST_F(LayoutTest, ResetPathPermissionGivesTheWholeTreeToTheOwner) {
+    if (0 != geteuid()) GTEST_SKIP() << "needs root to give files away";
+    std::string strTop = m_sys.Path("/tree");
+    ASSERT_EQ(0, kolvtest::RunCommand("mkdir -p '" + strTop + "/a/b'"));
+    kolvtest::WriteFile(strTop + "/a/b/file", "x"); // made by root
+    std::string strOutside = m_sys.Path("/outside");
+    kolvtest::WriteFile(strOutside, "y");
+    ASSERT_EQ(0, symlink(strOutside.c_str(), (strTop + "/a/link").c_str()));
+    ASSERT_TRUE(m_fs->mf_init(Parm(kNs, "1102_AA")));
+    EXPECT_TRUE(m_fs->mf_ResetPathPermission(strTop));
+    for (const char *szRel : {"", "/a", "/a/b", "/a/b/file", "/a/link"}) {
+        struct stat st;
+        ASSERT_EQ(0, lstat((strTop + szRel).c_str(), &st)) << szRel;
+        EXPECT_EQ(kolvtest::kBob, st.st_uid) << szRel;
+    }
+    struct stat stTarget;
+    ASSERT_EQ(0, stat(strOutside.c_str(), &stTarget));
+    EXPECT_EQ(0u, stTarget.st_uid); // a link's target is left alone
+}
+
+TEST_F(LayoutTest, OperationsNotBuiltYetFailLoudly) {
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pFs(CreateFsBackend());
+    Json::Value jParm = Parm(kNs, kId);
+    std::string strVer;
+    KOLV_VESSA_OBJECT *pHead = NULL;
+    unsigned total = 0;
+    EXPECT_FALSE(pFs->Download(jParm));
+    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
+    EXPECT_EQ("file-store download is not available yet", OriginMsg());
+    EXPECT_FALSE(pFs->FieldRename(jParm, strVer));
+    EXPECT_EQ("file-store field rename is not available yet", OriginMsg());
+    EXPECT_FALSE(pFs->Delete(jParm));
+    EXPECT_EQ("file-store delete is not available yet", OriginMsg());
+    EXPECT_GT(0, pFs->List(jParm, &pHead, total));
+    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
+    EXPECT_EQ("file-store listing is not available yet", OriginMsg());
+    EXPECT_EQ(nullptr, pHead);
+}
+
+} // namespace
