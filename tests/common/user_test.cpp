@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_error.h"
@@ -121,6 +123,28 @@ TEST_F(Users, AuthTypeFollowsTheName) {
     EXPECT_FALSE(KOLVVessaObjectOwnerIsValid(kEve));
     EXPECT_EQ(1011, KOLVVessaErrCodeGet());
     EXPECT_EQ("FALSE == KOLVServiceUserHomeIsEnabled(authType, NULL)", kolvtest::OriginMsg());
+}
+
+TEST_F(Users, ConcurrentFirstLookupsAgree) {
+    // Threads race to fill the empty caches; every one sees the same facts.
+    std::vector<std::thread> threads;
+    std::vector<int> vWrong(8, 0);
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([t, &vWrong] {
+            std::string strName, strRepo;
+            for (uid_t uid : {kAlice, kolvtest::kBob, kCarol, kEve}) {
+                if (!KOLVVessaGetUserName(uid, strName, true)) ++vWrong[t];
+            }
+            if (!KOLVVessaObjectOwnerIsValid(kAlice) || KOLVVessaObjectOwnerIsValid(kCarol)) ++vWrong[t];
+            if (!KOLVVessaGetRepoPath(strRepo)) ++vWrong[t];
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(std::vector<int>(8, 0), vWrong);
+    std::string strRepo;
+    ASSERT_TRUE(KOLVVessaGetRepoPath(strRepo));
+    EXPECT_EQ(m_sys.Repo(), strRepo);
 }
 
 class Repository : public kolvtest::SysrootTest {};
