@@ -4,6 +4,7 @@
  * concurrent writers of one object.
  */
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -152,6 +153,39 @@ TEST_F(MetaTest, SetOfAMissingObjectFailsWithoutMakingIt) {
     EXPECT_FALSE(Set(jReq));
     EXPECT_EQ(1015, KOLVVessaErrCodeGet());
     EXPECT_EQ("!jParm.isMember(\"version\")", kolvtest::OriginMsg());
+}
+
+TEST_F(MetaTest, CreateWritesTheFilesOfANewObject) {
+    Json::Value jParm;
+    jParm["ns"] = "note";
+    jParm["owner"] = kolvtest::kBob;
+    jParm["mtime"] = 77;
+    jParm["category"] = "memo";
+    jParm["metatext"]["k"] = "v";
+    jParm["version"] = "abc";
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pFs(CreateFsBackend());
+    std::string strId, strVer;
+    EXPECT_FALSE(pFs->Create(jParm, strId, strVer));
+    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_EQ("jParm.isMember(\"version\")", kolvtest::OriginMsg());
+    std::string strList;
+    ASSERT_EQ(0, kolvtest::RunCommand("ls '" + m_sys.Repo() + "/note'", &strList));
+    EXPECT_EQ(m_strId + "\n", strList); // only the object made for every test
+
+    jParm.removeMember("version");
+    ASSERT_TRUE(pFs->Create(jParm, strId, strVer)) << kolvtest::StackText();
+    std::string strBase = m_sys.Repo() + "/note/" + strId;
+    EXPECT_EQ(0u, strId.find("1102_"));
+    Json::Value jBasic = ParseJson(ReadFile(strBase + "/basic.json"));
+    EXPECT_EQ("memo", jBasic["basic"]["category"].asString());
+    EXPECT_EQ(77, jBasic["auto_mtime"]["category"].asInt64());
+    EXPECT_EQ("v", ParseJson(ReadFile(strBase + "/metatext.json"))["metatext"]["k"].asString());
+    // The object's lock file is its owner's like the rest of the folder.
+    struct stat st;
+    ASSERT_EQ(0, stat((strBase + "/.lock").c_str(), &st));
+    if (0 == geteuid()) {
+        EXPECT_EQ(kolvtest::kBob, st.st_uid);
+    }
 }
 
 TEST_F(MetaTest, ConcurrentWritersNeverLoseKeys) {
