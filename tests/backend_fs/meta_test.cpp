@@ -186,6 +186,21 @@ TEST_F(MetaTest, CreateWritesTheFilesOfANewObject) {
     if (0 == geteuid()) {
         EXPECT_EQ(kolvtest::kBob, st.st_uid);
     }
+
+    // The unversioned units read back together.
+    Json::Value jGet;
+    jGet["ns"] = "note";
+    jGet["id"] = strId;
+    jGet["field"]["ver"] = false;
+    jGet["field"]["mtime"] = false;
+    jGet["field"]["metatext"] = true;
+    jGet["field"]["metabinary_info"] = true;
+    KOLV_VESSA_OBJECT object;
+    ASSERT_TRUE(pFs->Get(jGet, &object)) << kolvtest::StackText();
+    EXPECT_EQ("memo", object.get_category());
+    EXPECT_EQ("v", object.get_metatext()["k"].asString());
+    EXPECT_EQ(Json::Value(Json::objectValue), object.get_metabinary_info());
+    EXPECT_EQ(kolvtest::kBob, object.get_owner());
 }
 
 TEST_F(MetaTest, ConcurrentWritersNeverLoseKeys) {
