@@ -94,7 +94,8 @@ bool KOLVVESSA_BACKEND_FS::Get(const Json::Value &jParm, KOLV_VESSA_OBJECT *pObj
         // Shared: readers exclude only a writer's save and checkout. An
         // object without a directory is read unlocked and found missing.
         kolv::ObjectLock lock;
-        if (KOLV_APPEND_IF(!lock.AcquireSharedIfExists(m_jPathInfo[KOLVVES_ID_PATH].asString()))) return false;
+        uid_t owner = (uid_t)m_jParm["owner"].asUInt();
+        if (KOLV_APPEND_IF(!lock.AcquireSharedIfExists(m_jPathInfo[KOLVVES_ID_PATH].asString(), owner))) return false;
         if (mf_NeedToGet(KOLVVES_BASIC) && KOLV_APPEND_IF(!mf_GetBasic(pObject))) return false;
         if (mf_NeedToGet(KOLVVES_META_TEXT) && KOLV_APPEND_IF(!mf_GetMetaText(pObject))) return false;
         if (mf_NeedToGet(KOLVVES_META_BIN_INFO) && KOLV_APPEND_IF(!mf_GetMetaBinaryInfo(pObject, false))) return false;

@@ -32,10 +32,10 @@ bool ObjectLock::Acquire(const std::string &strObjectDir, bool blExclusive, uid_
     return true;
 }
 
-bool ObjectLock::AcquireSharedIfExists(const std::string &strObjectDir) {
+bool ObjectLock::AcquireSharedIfExists(const std::string &strObjectDir, uid_t owner) {
     Release();
     if (!TRABCFileCheckDir(strObjectDir.c_str())) return true;
-    return Acquire(strObjectDir, false, UID_ERR);
+    return Acquire(strObjectDir, false, owner);
 }
 
 void ObjectLock::Release() {

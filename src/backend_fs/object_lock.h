@@ -45,7 +45,7 @@ class ObjectLock {
     bool Acquire(const std::string &strObjectDir, bool blExclusive, uid_t owner);
     /* Like Acquire(shared) but a missing object directory is no failure:
      * answers true without holding anything, and pushes no error. */
-    bool AcquireSharedIfExists(const std::string &strObjectDir);
+    bool AcquireSharedIfExists(const std::string &strObjectDir, uid_t owner);
     bool Held() const { return m_handle >= 0; }
     void Release();
 
