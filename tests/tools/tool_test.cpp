@@ -1,0 +1,96 @@
+// The kolvvessa tool as a user runs it: a separate process, JSON in and out.
+#include <gtest/gtest.h>
+
+#include "support/kolv_test_support.h"
+
+namespace {
+
+using kolvtest::ParseJson;
+using kolvtest::RunCommand;
+
+class ToolTest : public kolvtest::SysrootTest {
+  protected:
+    // Runs the tool with one verb and request; stdout into *pOut.
+    int Tool(const std::string &strVerb, const std::string &strReq, std::string *pOut, bool blStderr = false) {
+        std::string strCmd = std::string(KOLV_TOOL) + " " + strVerb + " '" + strReq + "'";
+        strCmd += blStderr ? " 2>&1" : " 2>/dev/null";
+        return RunCommand(strCmd, pOut);
+    }
+};
+
+TEST_F(ToolTest, HelpNamesEveryVerbWithAnExample) {
+    std::string strOut;
+    EXPECT_EQ(0, RunCommand(std::string(KOLV_TOOL) + " --help", &strOut));
+    for (const char *szVerb : {"create", "copy", "get", "set", "list", "reindex", "access-set", "sharing-set"}) {
+        EXPECT_NE(std::string::npos, strOut.find(szVerb)) << szVerb;
+    }
+    EXPECT_EQ(0, RunCommand(std::string(KOLV_TOOL) + " set --help", &strOut));
+    EXPECT_NE(std::string::npos, strOut.find("Example:"));
+    EXPECT_EQ(2, RunCommand(std::string(KOLV_TOOL) + " frobnicate '{}' 2>/dev/null", &strOut));
+    EXPECT_EQ(2, Tool("get", "[1,2]", &strOut));
+}
+
+TEST_F(ToolTest, CreateGetSetRoundTripAndFailuresPrintTheStack) {
+    std::string strOut;
+    ASSERT_EQ(0, Tool("access-set", R"({"enable":1})", &strOut));
+    ASSERT_EQ(0, Tool("access-set", R"({"ns":"note","enable":1})", &strOut));
+
+    ASSERT_EQ(0, Tool("create", R"({"ns":"note","category":"memo","requester":1101,"text":{"title":"Hello"}})",
+                      &strOut));
+    Json::Value jCreated = ParseJson(strOut);
+    std::string strID = jCreated["id"].asString();
+    ASSERT_EQ(0u, strID.find("1101_"));
+    EXPECT_EQ("Hello", jCreated["text"]["title"].asString());
+    EXPECT_EQ("owner", jCreated["perm"].asString());
+
+    // The request may also come on standard input.
+    std::string strReq = R"({"ns":"note","id":")" + strID + R"(","requester":1101,"version":")" +
+                         jCreated["version"].asString() + R"(","text":{"title":"Changed"}})";
+    ASSERT_EQ(0, RunCommand("echo '" + strReq + "' | " + KOLV_TOOL + " set 2>/dev/null", &strOut));
+    Json::Value jSet = ParseJson(strOut);
+    EXPECT_EQ("Changed", jSet["text"]["title"].asString());
+    EXPECT_NE(jCreated["version"], jSet["version"]);
+
+    ASSERT_EQ(0, Tool("get",
+                      R"({"ns":"note","id":")" + strID + R"(","requester":1101,"version":")" +
+                          jCreated["version"].asString() + R"("})",
+                      &strOut));
+    EXPECT_EQ("Hello", ParseJson(strOut)["text"]["title"].asString());
+
+    // bob has no grant on alice's object: exit 1 and the stack on stderr.
+    EXPECT_EQ(1, Tool("get", R"({"ns":"note","id":")" + strID + R"(","requester":1102})", &strOut, true));
+    EXPECT_NE(std::string::npos, strOut.find("kolvvessa call stack:"));
+    EXPECT_NE(std::string::npos, strOut.find("ErrNo=[1020]"));
+}
+
+TEST_F(ToolTest, SettingsVerbsWriteTheSettingsFile) {
+    std::string strOut;
+    ASSERT_EQ(0, Tool("sharing-set", R"({"ns":"note","owner":1101,"enable":0})", &strOut));
+    ASSERT_EQ(0, Tool("no-sharing-list", R"({"ns":"note"})", &strOut));
+    EXPECT_EQ("1101", ParseJson(strOut)["owners"][0].asString());
+    EXPECT_EQ(1, Tool("sharing-check", R"({"ns":"note","owner":1101})", &strOut));
+    EXPECT_EQ(1, Tool("sharing-set", R"({"ns":"note","owner":"x","enable":0})", &strOut));
+    ASSERT_EQ(0, Tool("access-get", R"({"ns":"note"})", &strOut));
+    EXPECT_FALSE(ParseJson(strOut)["enabled"].asBool());
+}
+
+TEST_F(ToolTest, ListAndReindexAgainstTheIndex) {
+    if (!kolvtest::HavePostgres()) GTEST_SKIP() << "no PostgreSQL server (PGHOST unset)";
+    kolvtest::DropIndexDatabase();
+    m_sys.EnableNamespace("note");
+    std::string strOut;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(0, Tool("create",
+                          R"({"ns":"note","category":"memo","requester":1101,"mtime":)" + std::to_string(1000 + i) +
+                              R"(,"text":{"n":)" + std::to_string(i) + "}}",
+                          &strOut));
+    }
+    ASSERT_EQ(0, Tool("list", R"({"ns":"note","requester":1101,"field":{"text":true}})", &strOut));
+    Json::Value jList = ParseJson(strOut);
+    EXPECT_EQ(3, jList["count"].asInt());
+    EXPECT_EQ(2, jList["objects"][0]["text"]["n"].asInt()); // newest first
+    ASSERT_EQ(0, Tool("reindex", R"({"ns":"note"})", &strOut));
+    EXPECT_EQ("3", kolvtest::Psql("SELECT count(*) FROM object WHERE ns = 'note'"));
+}
+
+} // namespace
