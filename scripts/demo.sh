@@ -44,7 +44,7 @@ head -c 2048 /dev/urandom >"$demo/cover.bin"
 step() { printf '\n== %s\n' "$*"; }
 # Runs the tool, echoing the command; the JSON result goes to stdout.
 kv() {
-    printf '$ kolvvessa %s %s\n' "$1" "$2" >&2
+    printf "$ kolvvessa %s '%s'\n" "$1" "$2" >&2
     "$tool" "$@"
 }
 brief='{id: (.id[0:10] + "..."), category, owner: .owner.display_name, perm, version: (.version[0:8]), text}'
