@@ -31,14 +31,14 @@ Json::Value MovedAcl(const Json::Value &jOldAcl, const Json::Value &jParentAcl) 
     Json::Value jInherit = jParentAcl.isObject() ? jParentAcl : Json::Value(Json::objectValue);
     kolv::AclMarkInherited(jInherit);
     auto isInherited = [](const Json::Value &j) { return j.isObject() && j.get("inherit", false).asBool(); };
-    if (isInherited(jAcl["public"])) jAcl.removeMember("public");
+    if (jAcl.isMember("public") && isInherited(jAcl["public"])) jAcl.removeMember("public");
     if (jInherit.isMember("public") && !jAcl.isMember("public")) jAcl["public"] = jInherit["public"];
     for (const char *szKind : {"hmx_user", "hmx_group"}) {
         if (!jAcl[szKind].isObject()) jAcl[szKind] = Json::Value(Json::objectValue);
         for (const std::string &strKey : jAcl[szKind].getMemberNames()) {
             if (isInherited(jAcl[szKind][strKey])) jAcl[szKind].removeMember(strKey);
         }
-        if (!jInherit[szKind].isObject()) continue;
+        if (!jInherit.isMember(szKind) || !jInherit[szKind].isObject()) continue;
         for (const std::string &strKey : jInherit[szKind].getMemberNames()) {
             if (!jAcl[szKind].isMember(strKey)) jAcl[szKind][strKey] = jInherit[szKind][strKey];
         }

@@ -1,0 +1,129 @@
+/*
+ * Creating objects end to end: owner, caller ids, parents and their ACL,
+ * the namespace hooks, and what lands on disk.
+ */
+#include <stdlib.h>
+
+#include "object/object_test_util.h"
+
+namespace {
+
+using kolvtest::OriginMsg;
+using kolvtest::StackText;
+using objtest::J;
+
+class ObjectCreateTest : public objtest::ObjectStoreTest {
+  protected:
+    Json::Value Parm(unsigned requester) {
+        Json::Value j = J("{\"ns\":\"note\",\"category\":\"memo\",\"text\":{\"title\":\"memo\"}}");
+        j["requester"] = requester;
+        return j;
+    }
+};
+
+TEST_F(ObjectCreateTest, AUserAlwaysCreatesForHimself) {
+    Json::Value jParm = Parm(kolvtest::kAlice);
+    jParm["owner"] = kolvtest::kBob;
+    jParm["text"] = J("{\"title\":\"mine\"}");
+    KOLV_VESSA_OBJECT obj;
+    ASSERT_TRUE(obj.Create(jParm)) << StackText();
+    EXPECT_EQ((unsigned long)kolvtest::kAlice, obj.get_owner());
+    EXPECT_EQ(0u, obj.get_id().find("1101_"));
+    EXPECT_EQ("owner", obj.get_perm());
+    EXPECT_EQ("mine", obj.get_text()["title"].asString());
+    std::string strHead;
+    ASSERT_EQ(
+        0, kolvtest::RunCommand("git -c safe.directory='*' -C '" + ObjectDir(obj.get_id()) + "/version' rev-parse HEAD",
+                                &strHead));
+    EXPECT_EQ(obj.get_version() + "\n", strHead);
+
+    std::string strID, strVer;
+    ASSERT_TRUE(obj.Create(Parm(kolvtest::kAlice), strID, strVer)) << StackText();
+    EXPECT_NE(obj.get_id(), strID);
+    EXPECT_EQ(40u, strVer.size());
+}
+
+TEST_F(ObjectCreateTest, OwnerAndCallerIdChecks) {
+    KOLV_VESSA_OBJECT obj;
+    EXPECT_FALSE(obj.Create(Parm(0)));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jParm.isMember(\"owner\")", OriginMsg());
+
+    Json::Value jParm = Parm(0);
+    jParm["owner"] = kolvtest::kAlice;
+    ASSERT_TRUE(obj.Create(jParm)) << StackText();
+    EXPECT_EQ((unsigned long)kolvtest::kAlice, obj.get_owner());
+
+    Json::Value jDup = Parm(kolvtest::kAlice);
+    jDup["id"] = obj.get_id();
+    EXPECT_FALSE(obj.Create(jDup));
+    EXPECT_EQ(KOLV_ERR_ID_EXISTS, KOLVVessaErrCodeGet());
+    EXPECT_EQ("KOLVVessaIDIsExist(jParm[\"ns\"].asString(), jParm[\"id\"].asString())", OriginMsg());
+
+    jDup["id"] = KOLVVessaObjectGenerateID(kolvtest::kBob);
+    EXPECT_FALSE(obj.Create(jDup));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("owner != KOLVVessaObjectGetOwnerByID(jParm[\"id\"].asString())", OriginMsg());
+
+    Json::Value jText = Parm(kolvtest::kAlice);
+    jText["text"] = "not an object";
+    EXPECT_FALSE(obj.Create(jText));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jParm[\"text\"].isObject()", OriginMsg());
+}
+
+TEST_F(ObjectCreateTest, ParentsOfOthersAreRefusedBeforeTheirPermission) {
+    std::string strParent =
+        Create(kolvtest::kAlice, J("{\"acl\":{\"enabled\":true,\"hmx_user\":{\"1102\":{\"perm\":\"ro\"}}}}"));
+    ASSERT_FALSE(strParent.empty()) << StackText();
+    // Bob may read the parent, but a child is always his own and must sit
+    // under one of his objects: the owner test comes first.
+    Json::Value jParm = Parm(kolvtest::kBob);
+    jParm["parent_id"] = strParent;
+    KOLV_VESSA_OBJECT obj;
+    EXPECT_FALSE(obj.Create(jParm));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("owner != KOLVVessaObjectGetOwnerByID(jParm[\"parent_id\"].asString())", OriginMsg());
+    std::string strOut;
+    kolvtest::RunCommand("ls '" + m_sys.Repo() + "/note' | grep -c ^1102_", &strOut);
+    EXPECT_EQ("0\n", strOut);
+}
+
+TEST_F(ObjectCreateTest, ChildInheritsTheParentsAclMarkedInherited) {
+    std::string strParent =
+        Create(kolvtest::kAlice, J("{\"acl\":{\"enabled\":true,\"public\":{\"perm\":\"ro\"},\"hmx_user\":{\"1102\":{"
+                                   "\"perm\":\"rw\"}},\"hmx_group\":{\"2002\":{\"perm\":\"ro\"}}}}"));
+    ASSERT_FALSE(strParent.empty()) << StackText();
+    Json::Value jParm = Parm(kolvtest::kAlice);
+    jParm["parent_id"] = strParent;
+    jParm["acl"] = J("{\"enabled\":false}");
+    KOLV_VESSA_OBJECT child;
+    ASSERT_TRUE(child.Create(jParm)) << StackText();
+    EXPECT_EQ(strParent, child.get_parent_id());
+    Json::Value jAcl = child.get_acl();
+    EXPECT_TRUE(jAcl["enabled"].asBool());
+    EXPECT_TRUE(jAcl["public"]["inherit"].asBool());
+    EXPECT_TRUE(jAcl["hmx_user"]["1102"]["inherit"].asBool());
+    EXPECT_EQ("rw", jAcl["hmx_user"]["1102"]["perm"].asString());
+    EXPECT_TRUE(jAcl["hmx_group"]["2002"]["inherit"].asBool());
+}
+
+TEST_F(ObjectCreateTest, NamespaceHooksRunAroundCreateAndSet) {
+    kolvtest::WriteFile(m_sys.Path("/usr/local/libexec/kolvvessa/note.lib"),
+                        std::string("{\"lib\":\"") + KOLV_NOTE_HOOK_LIB + "\"}");
+    std::string strLog = m_sys.Path("/tmp/hook.log");
+    setenv("KOLV_HOOK_LOG", strLog.c_str(), 1);
+    KOLV_VESSA_OBJECT obj;
+    ASSERT_TRUE(obj.Create(Parm(kolvtest::kAlice))) << StackText();
+    std::string strID = obj.get_id();
+    EXPECT_EQ("pre create -\npost create " + strID + "\n", kolvtest::ReadFile(strLog));
+
+    Json::Value jSet = GetParm(strID, kolvtest::kAlice);
+    jSet["metatext"]["k"] = "v";
+    ASSERT_TRUE(obj.Set(jSet)) << StackText();
+    EXPECT_EQ("pre create -\npost create " + strID + "\npre set " + strID + "\npost set " + strID + "\n",
+              kolvtest::ReadFile(strLog));
+    unsetenv("KOLV_HOOK_LOG");
+}
+
+} // namespace

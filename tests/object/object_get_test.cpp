@@ -1,0 +1,171 @@
+/*
+ * Reading objects end to end through the file store.
+ */
+#include <sys/stat.h>
+
+#include "object/object_test_util.h"
+
+namespace {
+
+using kolvtest::OriginMsg;
+using kolvtest::StackText;
+using objtest::J;
+
+class ObjectGetTest : public objtest::ObjectStoreTest {};
+
+TEST_F(ObjectGetTest, RecordIsValidatedBeforeAnyAccessCheck) {
+    // No settings file at all: an access check would fail with its own
+    // code, so 1007 shows the record was looked at first.
+    unlink(m_sys.Path("/usr/kolv/etc/kolvvessa.conf").c_str());
+    KOLV_VESSA_OBJECT obj;
+    Json::Value jParm = J("{\"ns\":\"note\",\"id\":\"1101_AB\"}");
+    EXPECT_FALSE(obj.Get(jParm));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jParm.isMember(\"ns\") || !jParm[\"ns\"].isString() || !jParm.isMember(\"id\") || "
+              "!jParm[\"id\"].isString() || !jParm.isMember(\"requester\") || !jParm[\"requester\"].isIntegral()",
+              OriginMsg());
+    jParm["requester"] = 1101;
+    jParm["version"] = 3;
+    EXPECT_FALSE(obj.Get(jParm));
+    EXPECT_EQ("jParm.isMember(\"version\") && !jParm[\"version\"].isString()", OriginMsg());
+    jParm.removeMember("version");
+    jParm["field"] = J("[\"acl\"]");
+    EXPECT_FALSE(obj.Get(jParm));
+    EXPECT_EQ("jParm.isMember(\"field\") && !jParm[\"field\"].isObject()", OriginMsg());
+}
+
+TEST_F(ObjectGetTest, NamesThatLeaveTheRepositoryAreRefused) {
+    const std::string strText = "!kolv::IsSafePathName(jParm[\"ns\"].asString()) || "
+                                "!kolv::IsSafePathName(jParm[\"id\"].asString())";
+    std::string strBefore, strAfter;
+    const std::string strList = "find '" + m_sys.Root() + "' | sort";
+    kolvtest::RunCommand(strList, &strBefore);
+    KOLV_VESSA_OBJECT obj;
+    for (const char *szID : {"1026_../../x", "1026_a/b", "..", ""}) {
+        EXPECT_FALSE(obj.Get(GetParm(szID, 0))) << szID;
+        EXPECT_EQ(1007, KOLVVessaErrCodeGet()) << szID;
+        EXPECT_EQ(strText, OriginMsg()) << szID;
+    }
+    for (const char *szNs : {"..", "a/b", ""}) {
+        Json::Value jParm = GetParm("1101_AB", 0);
+        jParm["ns"] = szNs;
+        EXPECT_FALSE(obj.Get(jParm)) << szNs;
+        EXPECT_EQ(strText, OriginMsg()) << szNs;
+        // Create refuses the same names before writing anything.
+        Json::Value jCreate = J("{\"category\":\"memo\",\"requester\":0,\"owner\":1101}");
+        jCreate["ns"] = szNs;
+        EXPECT_FALSE(obj.Create(jCreate)) << szNs;
+        EXPECT_EQ(1007, KOLVVessaErrCodeGet()) << szNs;
+    }
+    Json::Value jCreate = J("{\"ns\":\"note\",\"category\":\"memo\",\"requester\":1101,\"id\":\"1101_../../x\"}");
+    EXPECT_FALSE(obj.Create(jCreate));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    kolvtest::RunCommand(strList, &strAfter);
+    EXPECT_EQ(strBefore, strAfter);
+}
+
+TEST_F(ObjectGetTest, SystemRequesterSkipsNamespaceAndSharingChecks) {
+    std::string strID = Create(kolvtest::kAlice, J("{\"text\":{\"title\":\"hello\"}}"));
+    ASSERT_FALSE(strID.empty()) << StackText();
+
+    // Bob is granted nothing: his read stops at the permission.
+    KOLV_VESSA_OBJECT obj;
+    EXPECT_FALSE(obj.Get(GetParm(strID, kolvtest::kBob)));
+    EXPECT_NE(std::string::npos, StackText().find("!KOLVVessaObjectPermCalculate("));
+    EXPECT_EQ("", obj.get_id()); // a failed read leaves the object cleared
+
+    m_sys.WriteSettings(J("{\"Access\":{\"enable\":true,\"enable_ns_note\":false}}"));
+    EXPECT_FALSE(obj.Get(GetParm(strID, kolvtest::kAlice)));
+    EXPECT_NE(std::string::npos, StackText().find("FALSE == KOLVVessaAccessCheck(jParm[\"ns\"].asCString())"));
+
+    Json::Value jParm = GetParm(strID, 0);
+    jParm["field"] = KOLVVessaObjectFieldAll();
+    ASSERT_TRUE(obj.Get(jParm)) << StackText();
+    EXPECT_EQ("rw", obj.get_perm());
+    EXPECT_EQ((unsigned long)kolvtest::kAlice, obj.get_owner());
+    EXPECT_EQ("hello", obj.get_text()["title"].asString());
+    EXPECT_EQ(strID, obj.get_id());
+    EXPECT_EQ(KOLVVessaObjectDefaultID(kolvtest::kAlice), obj.get_parent_id());
+}
+
+TEST_F(ObjectGetTest, AclGoesOnlyToWritersWhoAskForIt) {
+    std::string strID = Create(kolvtest::kAlice, J("{\"acl\":{\"enabled\":true,\"hmx_user\":{\"1102\":{\"perm\":"
+                                                   "\"ro\"}}}}"));
+    ASSERT_FALSE(strID.empty()) << StackText();
+    KOLV_VESSA_OBJECT obj;
+    Json::Value jParm = GetParm(strID, kolvtest::kBob);
+    jParm["field"]["acl"] = true;
+    ASSERT_TRUE(obj.Get(jParm)) << StackText();
+    EXPECT_EQ("ro", obj.get_perm());
+    EXPECT_EQ(Json::Value(Json::objectValue), obj.get_acl());
+
+    jParm["requester"] = kolvtest::kAlice;
+    ASSERT_TRUE(obj.Get(jParm));
+    EXPECT_EQ("owner", obj.get_perm());
+    EXPECT_EQ("ro", obj.get_acl()["hmx_user"]["1102"]["perm"].asString());
+
+    ASSERT_TRUE(obj.Get(GetParm(strID, kolvtest::kAlice)));
+    EXPECT_EQ(Json::Value(Json::objectValue), obj.get_acl());
+}
+
+TEST_F(ObjectGetTest, OwnerPartThatIsNoNumberFailsAfterTheBadIdRecord) {
+    KOLV_VESSA_OBJECT obj;
+    EXPECT_FALSE(obj.Get(GetParm("abc_0000", kolvtest::kAlice)));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("Bad ID [abc_0000]", OriginMsg());
+    EXPECT_NE(std::string::npos,
+              StackText().find("UID_ERR == (owner = KOLVVessaObjectGetOwnerByID(jParm[\"id\"].asCString()))"));
+}
+
+TEST_F(ObjectGetTest, ListKeepsItsChainWhenTheReadFails) {
+    std::string strID = Create(kolvtest::kAlice);
+    ASSERT_FALSE(strID.empty()) << StackText();
+    KOLV_VESSA_OBJECT_LIST list;
+    ASSERT_TRUE(list.GetObject(GetParm(strID, kolvtest::kAlice)));
+    KOLV_VESSA_OBJECT *pOld = list.m_head;
+    ASSERT_NE(nullptr, pOld);
+    EXPECT_EQ(nullptr, pOld->m_next);
+    EXPECT_FALSE(list.GetObject(GetParm("1101_NOSUCH", kolvtest::kAlice)));
+    EXPECT_EQ(pOld, list.m_head);
+    EXPECT_EQ(strID, list.m_head->get_id());
+    std::string strStack = StackText();
+    EXPECT_EQ("!pObj->Get(jParm)", strStack.substr(strStack.rfind('\n') + 1));
+}
+
+TEST_F(ObjectGetTest, OlderVersionsAndTheStringHashEntry) {
+    std::string strID = Create(kolvtest::kAlice, J("{\"text\":{\"title\":\"one\"}}"));
+    ASSERT_FALSE(strID.empty()) << StackText();
+    KOLV_VESSA_OBJECT obj;
+    ASSERT_TRUE(obj.Get(GetParm(strID, kolvtest::kAlice)));
+    std::string strV1 = obj.get_version();
+    Json::Value jSet = GetParm(strID, kolvtest::kAlice);
+    jSet["version"] = strV1;
+    jSet["text"]["title"] = "two";
+    ASSERT_TRUE(obj.Set(jSet)) << StackText();
+    ASSERT_NE(strV1, obj.get_version());
+    EXPECT_EQ("two", obj.get_text()["title"].asString());
+
+    Json::Value jOld = GetParm(strID, kolvtest::kAlice);
+    jOld["version"] = strV1;
+    jOld["field"]["text"] = true;
+    ASSERT_TRUE(obj.Get(jOld)) << StackText();
+    EXPECT_EQ(strV1, obj.get_version());
+    EXPECT_EQ("one", obj.get_text()["title"].asString());
+
+    TRABCSzHash *pHash = TRABCSzHashAlloc(8);
+    ASSERT_NE(nullptr, pHash);
+    TRABCSzHashSetValue(&pHash, "ns", "note");
+    TRABCSzHashSetValue(&pHash, "id", strID.c_str());
+    TRABCSzHashSetValue(&pHash, "requester", "1101x");
+    EXPECT_FALSE(KOLVVessaObjectGet(pHash, &obj));
+    EXPECT_EQ("endPtr && *endPtr", OriginMsg());
+    TRABCSzHashSetValue(&pHash, "requester", "1101");
+    TRABCSzHashSetValue(&pHash, "version", strV1.c_str());
+    EXPECT_TRUE(KOLVVessaObjectGet(pHash, &obj)) << StackText();
+    EXPECT_EQ(strV1, obj.get_version());
+    EXPECT_FALSE(KOLVVessaObjectGet(pHash, NULL));
+    EXPECT_EQ("NULL == pObject", OriginMsg());
+    TRABCSzHashFree(pHash);
+}
+
+} // namespace

@@ -1,0 +1,107 @@
+/*
+ * Changing objects end to end: what may change, who may change it, and
+ * moves between parents.
+ */
+#include "object/object_test_util.h"
+
+namespace {
+
+using kolvtest::OriginMsg;
+using kolvtest::StackText;
+using objtest::J;
+
+class ObjectSetTest : public objtest::ObjectStoreTest {};
+
+TEST_F(ObjectSetTest, RequestsThatChangeNothingOrLackTheirVersion) {
+    std::string strID = Create(kolvtest::kAlice, J("{\"text\":{\"a\":1}}"));
+    ASSERT_FALSE(strID.empty()) << StackText();
+    KOLV_VESSA_OBJECT obj;
+    Json::Value jParm = GetParm(strID, kolvtest::kAlice);
+    jParm["mtime"] = 100;
+    EXPECT_FALSE(obj.Set(jParm));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jParm.isMember(\"ctime\") && !jParm.isMember(\"parent_id\") && !jParm.isMember(\"metatext\") && "
+              "!jParm.isMember(\"text\") && !jParm.isMember(\"metabinary_files\") && "
+              "!jParm.isMember(\"binary_files\")",
+              OriginMsg());
+
+    jParm.removeMember("mtime");
+    jParm["text"]["a"] = 2;
+    EXPECT_FALSE(obj.Set(jParm));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("(jParm.isMember(\"text\") || jParm.isMember(\"binary_files\")) && (!jParm.isMember(\"version\") || "
+              "!jParm[\"version\"].isString())",
+              OriginMsg());
+    std::string strCount;
+    kolvtest::RunCommand("git -c safe.directory='*' -C '" + ObjectDir(strID) + "/version' rev-list --count HEAD",
+                         &strCount);
+    EXPECT_EQ("1\n", strCount);
+}
+
+TEST_F(ObjectSetTest, ReadersMayNotChangeAndRwSharersMay) {
+    std::string strID = Create(kolvtest::kAlice, J("{\"text\":{\"a\":1},\"acl\":{\"enabled\":true,\"hmx_user\":{"
+                                                   "\"1102\":{\"perm\":\"rw\"},\"1105\":{\"perm\":\"ro\"}}}}"));
+    ASSERT_FALSE(strID.empty()) << StackText();
+    KOLV_VESSA_OBJECT obj;
+    Json::Value jParm = GetParm(strID, kolvtest::kEve);
+    jParm["metatext"]["k"] = "eve";
+    EXPECT_FALSE(obj.Set(jParm));
+    EXPECT_EQ(1023, KOLVVessaErrCodeGet());
+    EXPECT_EQ("rw != tmpOldObj.get_perm() && owner != tmpOldObj.get_perm() [ro]", OriginMsg());
+
+    ASSERT_TRUE(obj.Get(GetParm(strID, kolvtest::kBob)));
+    std::string strV1 = obj.get_version();
+    jParm["requester"] = kolvtest::kBob;
+    jParm["metatext"]["k"] = "bob";
+    jParm["text"]["a"] = 2;
+    jParm["version"] = strV1;
+    std::string strNewVer;
+    ASSERT_TRUE(KOLV_VESSA_OBJECT().Set(jParm, strNewVer)) << StackText();
+    EXPECT_NE(strV1, strNewVer);
+    Json::Value jGet = GetParm(strID, kolvtest::kAlice);
+    jGet["field"] = KOLVVessaObjectFieldAll();
+    ASSERT_TRUE(obj.Get(jGet));
+    EXPECT_EQ(strNewVer, obj.get_version());
+    EXPECT_EQ("bob", obj.get_metatext()["k"].asString());
+    EXPECT_EQ(2, obj.get_text()["a"].asInt());
+    std::string strCount;
+    kolvtest::RunCommand("git -c safe.directory='*' -C '" + ObjectDir(strID) + "/version' rev-list --count HEAD",
+                         &strCount);
+    EXPECT_EQ("2\n", strCount);
+}
+
+TEST_F(ObjectSetTest, MovesStayWithinTheOwnerAndTakeTheNewParentsAcl) {
+    std::string strBobs = Create(kolvtest::kBob);
+    std::string strParent = Create(kolvtest::kAlice, J("{\"acl\":{\"enabled\":true,\"public\":{\"perm\":\"ro\"}}}"));
+    std::string strChild = Create(kolvtest::kAlice, J("{\"acl\":{\"enabled\":true,\"hmx_user\":{\"1102\":{\"perm\":"
+                                                      "\"rw\"}}}}"));
+    ASSERT_FALSE(strBobs.empty() || strParent.empty() || strChild.empty()) << StackText();
+    KOLV_VESSA_OBJECT obj;
+    Json::Value jParm = GetParm(strChild, kolvtest::kAlice);
+    jParm["parent_id"] = strBobs;
+    EXPECT_FALSE(obj.Set(jParm));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("owner != KOLVVessaObjectGetOwnerByID(jParm[\"parent_id\"].asString())", OriginMsg());
+
+    // Moved in the same second as it was made: the move still lands.
+    jParm["parent_id"] = strParent;
+    ASSERT_TRUE(obj.Set(jParm)) << StackText();
+    Json::Value jGet = GetParm(strChild, kolvtest::kAlice);
+    jGet["field"]["acl"] = true;
+    ASSERT_TRUE(obj.Get(jGet));
+    EXPECT_EQ(strParent, obj.get_parent_id());
+    EXPECT_TRUE(obj.get_acl()["public"]["inherit"].asBool());
+    EXPECT_FALSE(obj.get_acl()["hmx_user"]["1102"].get("inherit", false).asBool());
+
+    // Back to the root: the inherited grant goes, the object's own stays.
+    Json::Value jReset = GetParm(strChild, kolvtest::kAlice);
+    jReset["parent_id"] = strParent;
+    jReset["reset_parent_id"] = true;
+    ASSERT_TRUE(obj.Set(jReset)) << StackText();
+    ASSERT_TRUE(obj.Get(jGet));
+    EXPECT_EQ(KOLVVessaObjectDefaultID(kolvtest::kAlice), obj.get_parent_id());
+    EXPECT_FALSE(obj.get_acl().isMember("public"));
+    EXPECT_EQ("rw", obj.get_acl()["hmx_user"]["1102"]["perm"].asString());
+}
+
+} // namespace

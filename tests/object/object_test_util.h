@@ -1,0 +1,56 @@
+/*
+ * object_test_util.h - a sysroot with the "note" namespace switched on and
+ * small helpers to make objects through the real store.
+ */
+#ifndef KOLV_OBJECT_TEST_UTIL_H
+#define KOLV_OBJECT_TEST_UTIL_H
+
+#include <stdlib.h>
+
+#include <string>
+
+#include "kolvvessa/kolvvessa.h"
+#include "support/kolv_test_support.h"
+
+namespace objtest {
+
+class ObjectStoreTest : public kolvtest::SysrootTest {
+  protected:
+    void SetUp() override {
+        // No index server here: the index step fails, is logged, and must
+        // not undo anything.
+        unsetenv("PGHOST");
+        m_sys.EnableNamespace("note");
+    }
+
+    /* Creates an object of requester in "note" with extra members; returns
+     * the new id ("" on failure). */
+    std::string Create(unsigned requester, const Json::Value &jExtra = Json::Value(Json::objectValue)) {
+        Json::Value jParm = jExtra;
+        jParm["ns"] = "note";
+        if (!jParm.isMember("category")) jParm["category"] = "memo";
+        if (!jParm.isMember("text")) jParm["text"]["title"] = "memo";
+        jParm["requester"] = requester;
+        KOLV_VESSA_OBJECT obj;
+        if (!obj.Create(jParm)) return "";
+        return obj.get_id();
+    }
+
+    static Json::Value GetParm(const std::string &strID, unsigned requester) {
+        Json::Value j;
+        j["ns"] = "note";
+        j["id"] = strID;
+        j["requester"] = requester;
+        return j;
+    }
+
+    std::string ObjectDir(const std::string &strID) const { return m_sys.Repo() + "/note/" + strID; }
+};
+
+inline Json::Value J(const std::string &str) {
+    return kolvtest::ParseJson(str);
+}
+
+} // namespace objtest
+
+#endif /* KOLV_OBJECT_TEST_UTIL_H */
