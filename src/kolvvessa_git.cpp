@@ -124,6 +124,9 @@ int CheckoutAndSetHead(git_repository *pRepo, git_tree *pTree, git_tree *pBaseli
         syslog(LOG_ERR, "%s:%d fail to git_checkout_tree (%s)", __FILE__, __LINE__, ErrText());
         return ret;
     }
+    // HEAD usually names the branch already; rewriting it would cost a
+    // lock file and a reflog entry for nothing.
+    if (strRef == HeadBranch(pRepo)) return 0;
     if (0 > (ret = git_repository_set_head(pRepo, strRef.c_str()))) {
         syslog(LOG_ERR, "%s:%d fail to git_repository_set_head (%s)", __FILE__, __LINE__, ErrText());
     }

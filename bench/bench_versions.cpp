@@ -1,0 +1,231 @@
+/*
+ * bench_versions - what the file store's versions cost over bare libgit2.
+ *
+ * Subject: the backend's Create (three text fields and one 64 KiB binary
+ * file) and Set (one text field changed). Baseline: the least libgit2 work
+ * with the same result in the repository: init, blobs, trees, commit and
+ * checkout; then a commit on the tip and its checkout. Both write under
+ * the same temporary folder and run interleaved, round by round, in one
+ * process, so disk and cache conditions are shared.
+ *
+ *     bench_versions [rounds] [objects per round]
+ */
+#include <git2.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "backend_fs/kolvvessaBackend_fs.h"
+#include "common/kolvvessa_json_internal.h"
+#include "common/kolvvessa_raii.h"
+#include "support/kolv_test_support.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char *const kTitle = "\"Quarterly notes\"";
+const char *const kBody = "\"The first draft of the body text, long enough to look like a note.\"";
+const char *const kTags = "[\"work\",\"draft\",\"q3\"]";
+
+void Check(bool bl, const char *szWhat) {
+    if (bl) return;
+    fprintf(stderr, "bench: %s failed\n%s\n", szWhat, kolvtest::StackText().c_str());
+    exit(1);
+}
+
+/* ---- subject: the file store ------------------------------------------ */
+
+Json::Value CreateRequest(const std::string &strBinary, long long mtime) {
+    Json::Value j;
+    j["ns"] = "bench";
+    j["owner"] = kolvtest::kAlice;
+    j["requester"] = kolvtest::kAlice;
+    j["mtime"] = (Json::Int64)mtime;
+    j["category"] = "note";
+    j["text"]["title"] = kolvtest::ParseJson(kTitle);
+    j["text"]["body"] = kolvtest::ParseJson(kBody);
+    j["text"]["tags"] = kolvtest::ParseJson(kTags);
+    Json::Value jBin;
+    jBin["name"] = "attachment";
+    jBin["format"] = "raw";
+    jBin["path"] = strBinary;
+    j["binary_files"].append(jBin);
+    return j;
+}
+
+void SubjectCreate(const std::string &strBinary, long long mtime, std::string &strId, std::string &strVer) {
+    KOLVVESSA_BACKEND_FS fs;
+    Check(fs.Create(CreateRequest(strBinary, mtime), strId, strVer), "Create");
+}
+
+void SubjectSet(const std::string &strId, std::string &strVer, long long mtime, int n) {
+    Json::Value j;
+    j["ns"] = "bench";
+    j["id"] = strId;
+    j["requester"] = kolvtest::kAlice;
+    j["mtime"] = (Json::Int64)mtime;
+    j["version"] = strVer;
+    j["text"]["body"] = "changed " + std::to_string(n);
+    KOLVVESSA_BACKEND_FS fs;
+    Check(fs.Set(j, strVer), "Set");
+}
+
+/* ---- baseline: bare libgit2 -------------------------------------------- */
+
+void GitCheck(int ret, const char *szWhat) {
+    if (0 <= ret) return;
+    const git_error *pErr = git_error_last();
+    fprintf(stderr, "bench: %s failed: %s\n", szWhat, pErr ? pErr->message : "");
+    exit(1);
+}
+
+git_oid Blob(git_repository *pRepo, const std::string &str) {
+    git_oid oid;
+    GitCheck(git_blob_create_from_buffer(&oid, pRepo, str.data(), str.size()), "blob");
+    return oid;
+}
+
+git_oid WriteTree(git_repository *pRepo, git_tree *pBase, const std::vector<std::pair<std::string, git_oid>> &vEntries,
+                  git_filemode_t mode) {
+    git_treebuilder *pRaw = NULL;
+    GitCheck(git_treebuilder_new(&pRaw, pRepo, pBase), "treebuilder");
+    kolv::GitTreeBuilder pBld(pRaw);
+    for (const auto &entry : vEntries)
+        GitCheck(git_treebuilder_insert(NULL, pBld.get(), entry.first.c_str(), &entry.second, mode), "insert");
+    git_oid oid;
+    GitCheck(git_treebuilder_write(&oid, pBld.get()), "tree");
+    return oid;
+}
+
+void Checkout(git_repository *pRepo, const git_oid *pTree, git_tree *pBaseline) {
+    git_tree *pRaw = NULL;
+    GitCheck(git_tree_lookup(&pRaw, pRepo, pTree), "tree lookup");
+    kolv::GitTree pTreeObj(pRaw);
+    git_checkout_options opts = GIT_CHECKOUT_OPTIONS_INIT;
+    opts.checkout_strategy = GIT_CHECKOUT_FORCE | GIT_CHECKOUT_REMOVE_UNTRACKED;
+    opts.baseline = pBaseline;
+    GitCheck(git_checkout_tree(pRepo, reinterpret_cast<git_object *>(pTreeObj.get()), &opts), "checkout");
+}
+
+void BaselineCreate(const std::string &strDir, const std::string &strBinary, long long mtime) {
+    git_repository *pRawRepo = NULL;
+    GitCheck(git_repository_init(&pRawRepo, strDir.c_str(), 0), "init");
+    kolv::GitRepository pRepo(pRawRepo);
+    git_repository *r = pRepo.get();
+    git_oid bin;
+    GitCheck(git_blob_create_from_disk(&bin, r, strBinary.c_str()), "blob from disk");
+    git_oid text = WriteTree(r, NULL, {{"title", Blob(r, kTitle)}, {"body", Blob(r, kBody)}, {"tags", Blob(r, kTags)}},
+                             GIT_FILEMODE_BLOB);
+    git_oid binary = WriteTree(r, NULL, {{"attachment", bin}}, GIT_FILEMODE_BLOB);
+    git_oid info =
+        WriteTree(r, NULL, {{"attachment", Blob(r, "{\"format\":\"raw\",\"md5\":\"0\"}")}}, GIT_FILEMODE_BLOB);
+    git_oid top = WriteTree(r, NULL, {{"binary", binary}, {"binary_info", info}, {"text", text}}, GIT_FILEMODE_TREE);
+    git_signature *pRawSig = NULL;
+    GitCheck(git_signature_new(&pRawSig, "alice", "alice@example.com", mtime, 0), "signature");
+    kolv::GitSignature pSig(pRawSig);
+    git_tree *pRawTree = NULL;
+    GitCheck(git_tree_lookup(&pRawTree, r, &top), "tree lookup");
+    kolv::GitTree pTree(pRawTree);
+    git_oid commit;
+    GitCheck(git_commit_create(&commit, r, "HEAD", pSig.get(), pSig.get(), "UTF-8", "{}", pTree.get(), 0, NULL),
+             "commit");
+    Checkout(r, &top, NULL);
+}
+
+void BaselineSet(const std::string &strDir, long long mtime, int n) {
+    git_repository *pRawRepo = NULL;
+    GitCheck(git_repository_open(&pRawRepo, strDir.c_str()), "open");
+    kolv::GitRepository pRepo(pRawRepo);
+    git_repository *r = pRepo.get();
+    git_object *pRawHead = NULL;
+    GitCheck(git_revparse_single(&pRawHead, r, "HEAD"), "head");
+    kolv::GitObject pHead(pRawHead);
+    git_commit *pParent = reinterpret_cast<git_commit *>(pHead.get());
+    git_tree *pRawOld = NULL;
+    GitCheck(git_commit_tree(&pRawOld, pParent), "commit tree");
+    kolv::GitTree pOld(pRawOld);
+    git_tree_entry *pRawEntry = NULL;
+    GitCheck(git_tree_entry_bypath(&pRawEntry, pOld.get(), "text"), "bypath");
+    kolv::GitTreeEntry pEntry(pRawEntry);
+    git_tree *pRawText = NULL;
+    GitCheck(git_tree_lookup(&pRawText, r, git_tree_entry_id(pEntry.get())), "text lookup");
+    kolv::GitTree pText(pRawText);
+    git_oid text =
+        WriteTree(r, pText.get(), {{"body", Blob(r, "\"changed " + std::to_string(n) + "\"")}}, GIT_FILEMODE_BLOB);
+    git_oid top = WriteTree(r, pOld.get(), {{"text", text}}, GIT_FILEMODE_TREE);
+    git_tree *pRawTree = NULL;
+    GitCheck(git_tree_lookup(&pRawTree, r, &top), "tree lookup");
+    kolv::GitTree pTree(pRawTree);
+    git_signature *pRawSig = NULL;
+    GitCheck(git_signature_new(&pRawSig, "alice", "alice@example.com", mtime, 0), "signature");
+    kolv::GitSignature pSig(pRawSig);
+    const git_commit *rgParents[] = {pParent};
+    git_oid commit;
+    // Checked out before HEAD moves, against the tree the work tree holds.
+    Checkout(r, &top, pOld.get());
+    GitCheck(git_commit_create(&commit, r, "HEAD", pSig.get(), pSig.get(), "UTF-8", "{}", pTree.get(), 1, rgParents),
+             "commit");
+}
+
+double Millis(Clock::duration d) {
+    return std::chrono::duration<double, std::milli>(d).count();
+}
+
+struct Totals {
+    double baseCreate = 0, subjCreate = 0, baseSet = 0, subjSet = 0;
+};
+
+void Round(int round, int cObjects, const std::string &strBase, const std::string &strBinary, Totals &t) {
+    std::vector<std::string> vIds(cObjects), vVers(cObjects), vDirs(cObjects);
+    long long mtime = 1700000000LL + round * 10;
+    auto t0 = Clock::now();
+    for (int i = 0; i < cObjects; i++) {
+        vDirs[i] = strBase + "/r" + std::to_string(round) + "_" + std::to_string(i) + "/version";
+        BaselineCreate(vDirs[i], strBinary, mtime);
+    }
+    auto t1 = Clock::now();
+    for (int i = 0; i < cObjects; i++)
+        SubjectCreate(strBinary, mtime, vIds[i], vVers[i]);
+    auto t2 = Clock::now();
+    for (int i = 0; i < cObjects; i++)
+        BaselineSet(vDirs[i], mtime + 1, i);
+    auto t3 = Clock::now();
+    for (int i = 0; i < cObjects; i++)
+        SubjectSet(vIds[i], vVers[i], mtime + 1, i);
+    auto t4 = Clock::now();
+    t.baseCreate += Millis(t1 - t0);
+    t.subjCreate += Millis(t2 - t1);
+    t.baseSet += Millis(t3 - t2);
+    t.subjSet += Millis(t4 - t3);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    int cRounds = argc > 1 ? atoi(argv[1]) : 20;
+    int cObjects = argc > 2 ? atoi(argv[2]) : 10;
+    kolvtest::Sysroot sys;
+    std::string strBase = sys.Root() + "/volume1/baseline";
+    std::string strBinary = sys.Root() + "/attachment.bin";
+    std::string strData(64 * 1024, '\0');
+    for (size_t i = 0; i < strData.size(); i++)
+        strData[i] = (char)((i * 2654435761u) >> 13);
+    kolvtest::WriteFile(strBinary, strData);
+    // One initialisation for the whole run, as a long-lived caller has.
+    git_libgit2_init();
+    Totals t;
+    for (int round = 0; round < cRounds; round++)
+        Round(round, cObjects, strBase, strBinary, t);
+    double n = (double)cRounds * cObjects;
+    printf("%d rounds x %d objects, per operation:\n", cRounds, cObjects);
+    printf("  create: baseline %.3f ms, file store %.3f ms, ratio %.2f\n", t.baseCreate / n, t.subjCreate / n,
+           t.subjCreate / t.baseCreate);
+    printf("  set:    baseline %.3f ms, file store %.3f ms, ratio %.2f\n", t.baseSet / n, t.subjSet / n,
+           t.subjSet / t.baseSet);
+    git_libgit2_shutdown();
+    return 0;
+}
