@@ -100,7 +100,11 @@ bool ParseTextFile(const std::string &strPath, Json::Value &jValue) {
 bool KOLVVessaObjectGetTextByAll(const std::string &strRepoDir, Json::Value &jText) {
     glob_t tGlob = {};
     std::unique_ptr<glob_t, GlobFree> pGlob(&tGlob);
-    std::string strPattern = strRepoDir + "/text/*";
+    // A version without text fields has no "text" folder at all: git
+    // keeps no empty folders, so its absence means no fields, not a fault.
+    std::string strTextDir = strRepoDir + "/text";
+    if (!TRABCFileExist(strTextDir.c_str())) return true;
+    std::string strPattern = strTextDir + "/*";
     int rv = glob(strPattern.c_str(), GLOB_ERR, NULL, &tGlob);
     if (GLOB_NOMATCH == rv) return true;
     if (0 != rv) {

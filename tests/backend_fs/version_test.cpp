@@ -174,6 +174,21 @@ TEST_F(VersionStoreTest, CreateAndSetWriteOneCommitPerChange) {
     EXPECT_TRUE(ScratchEmpty());
 }
 
+// git keeps no empty folders: a version without text fields has no "text"
+// folder, and reading all its text must give no fields rather than fail.
+TEST_F(VersionStoreTest, VersionWithoutTextReadsBackEmpty) {
+    std::string strId = Create(Json::Value(Json::objectValue));
+    std::string strVer;
+    ASSERT_TRUE(Set(strId, m_ver, ParseJson(R"({"binary_files":[]})"), strVer)) << kolvtest::StackText();
+    Json::Value jField;
+    jField["text"] = true;
+    KOLV_VESSA_OBJECT obj;
+    ASSERT_TRUE(Get(strId, jField, NULL, obj)) << kolvtest::StackText();
+    EXPECT_EQ(Json::Value(Json::objectValue), obj.get_text());
+    ASSERT_TRUE(Get(strId, jField, m_ver.c_str(), obj)) << kolvtest::StackText();
+    EXPECT_TRUE(ScratchEmpty());
+}
+
 TEST_F(VersionStoreTest, BinaryFilesByPathDeleteAndFromAnotherObject) {
     std::string strSrc = SrcFile("pic.bin", std::string(3000, 'x') + "end");
     std::string strMd5;
