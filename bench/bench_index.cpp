@@ -115,6 +115,7 @@ void BenchObjects(KOLVDB *pConn, int n, std::vector<std::string> &vIds) {
         jSet["ns"] = szNs;
         jSet["id"] = strId;
         jSet["requester"] = kAlice;
+        jSet["version"] = strVer;
         jSet["text"]["title"] = "changed " + std::to_string(i);
         if (!Object.Set(jSet, strVer)) KOLVVessaErrPrint(stderr);
         double t2 = Now();
