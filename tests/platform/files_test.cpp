@@ -1,6 +1,5 @@
 /* Files: existence, mkdir -p, remove tree, atomic copy, flock. */
 #include <dirent.h>
-#include <fcntl.h>
 #include <kolvplatform/kolv_platform.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -26,18 +25,6 @@ mode_t ModeOf(const std::string &strPath) {
     return stat(strPath.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
-TEST_F(PlatformFiles, ExistAndCheckDir) {
-    WriteFile(Tmp("f"), "x");
-    EXPECT_TRUE(TRABCFileExist(Tmp("f").c_str()));
-    EXPECT_FALSE(TRABCFileCheckDir(Tmp("f").c_str()));
-    EXPECT_TRUE(TRABCFileExist(Tmp("").c_str()));
-    EXPECT_TRUE(TRABCFileCheckDir(Tmp("").c_str()));
-    EXPECT_FALSE(TRABCFileExist(Tmp("missing").c_str()));
-    EXPECT_FALSE(TRABCFileCheckDir(Tmp("missing").c_str()));
-    EXPECT_FALSE(TRABCFileExist(nullptr));
-    EXPECT_FALSE(TRABCFileCheckDir(nullptr));
-}
-
 TEST_F(PlatformFiles, MkdirCreatesParentsWithModeAndOwner) {
     std::string strDeep = Tmp("a/b/c");
     // Without parents a missing parent fails.
@@ -50,6 +37,7 @@ TEST_F(PlatformFiles, MkdirCreatesParentsWithModeAndOwner) {
         struct stat st;
         ASSERT_EQ(0, stat(Tmp(sz).c_str(), &st)) << sz;
         EXPECT_TRUE(S_ISDIR(st.st_mode));
+        EXPECT_TRUE(TRABCFileCheckDir(Tmp(sz).c_str()));
         EXPECT_EQ(0750u, st.st_mode & 07777) << sz;
         if (getuid() == 0) {
             EXPECT_EQ(1101u, st.st_uid);
@@ -58,48 +46,21 @@ TEST_F(PlatformFiles, MkdirCreatesParentsWithModeAndOwner) {
     }
     // An existing directory is success and left alone (mode, owner).
     EXPECT_EQ(0, KOLVFSMkdirP(strDeep.c_str(), nullptr, TRUE, 0, 0, 0700));
-    EXPECT_EQ(0, KOLVFSMkdirP(strDeep.c_str(), nullptr, FALSE, 0, 0, 0700));
     EXPECT_EQ(0750u, ModeOf(strDeep));
     // Default mode, no owner change, whatever the umask.
     mode_t old = umask(077);
     EXPECT_EQ(0, KOLVFSMkdirP(Tmp("d").c_str(), nullptr, FALSE, (uid_t)-1, GID_ERR, -1));
     umask(old);
     EXPECT_EQ(0755u, ModeOf(Tmp("d")));
-}
 
-TEST_F(PlatformFiles, MkdirFailsOnAFileAndNull) {
+    // A file in the way, and no path.
     WriteFile(Tmp("file"), "x");
+    EXPECT_TRUE(TRABCFileExist(Tmp("file").c_str()));
+    EXPECT_FALSE(TRABCFileCheckDir(Tmp("file").c_str()));
+    EXPECT_FALSE(TRABCFileExist(Tmp("missing").c_str()));
     EXPECT_LT(KOLVFSMkdirP(Tmp("file").c_str(), nullptr, TRUE, (uid_t)-1, GID_ERR, -1), 0);
     EXPECT_LT(KOLVFSMkdirP(Tmp("file/sub").c_str(), nullptr, TRUE, (uid_t)-1, GID_ERR, -1), 0);
-    EXPECT_LT(KOLVFSMkdirP(nullptr, nullptr, TRUE, (uid_t)-1, GID_ERR, -1), 0);
     EXPECT_LT(KOLVFSMkdirP("", nullptr, TRUE, (uid_t)-1, GID_ERR, -1), 0);
-}
-
-TEST_F(PlatformFiles, MkdirWithoutPrivilegeIgnoresTheRefusedChown) {
-    std::string strOpen = Tmp("open");
-    ASSERT_EQ(0, mkdir(strOpen.c_str(), 0777));
-    ASSERT_EQ(0, chmod(strOpen.c_str(), 0777));
-    auto mkdirAsUser = [&]() {
-        return KOLVFSMkdirP((strOpen + "/x/y").c_str(), nullptr, TRUE, getuid() + 1, getgid() + 1, -1);
-    };
-    if (getuid() != 0) {
-        EXPECT_EQ(0, mkdirAsUser());
-    } else {
-        // Root: drop to nobody in a child, who must reach the folder.
-        ASSERT_EQ(0, chmod(m_sys.Root().c_str(), 0711));
-        ASSERT_EQ(0, chmod(Tmp("").c_str(), 0711));
-        pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
-            _exit(mkdirAsUser() == 0 ? 0 : 1);
-        }
-        int status = 0;
-        ASSERT_EQ(pid, waitpid(pid, &status, 0));
-        ASSERT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(0, WEXITSTATUS(status));
-    }
-    EXPECT_TRUE(TRABCFileCheckDir((strOpen + "/x/y").c_str()));
 }
 
 TEST_F(PlatformFiles, RemoveTreeRemovesEverything) {
@@ -120,7 +81,6 @@ TEST_F(PlatformFiles, RemoveTreeRemovesEverything) {
     EXPECT_EQ(0, KOLVFSRemoveTree((strOutside + "/keep").c_str()));
     EXPECT_FALSE(TRABCFileExist((strOutside + "/keep").c_str()));
     EXPECT_EQ(0, KOLVFSRemoveTree(strTop.c_str()));
-    EXPECT_LT(KOLVFSRemoveTree(nullptr), 0);
     EXPECT_LT(KOLVFSRemoveTree(""), 0);
     EXPECT_LT(KOLVFSRemoveTree("/"), 0);
 }
@@ -135,16 +95,11 @@ TEST_F(PlatformFiles, CopyReplacesTheTargetAndLeavesNoTemporaryFile) {
     ASSERT_EQ(0, KOLVFileCopy(Tmp("src").c_str(), Tmp("dst").c_str()));
     EXPECT_EQ(strData, ReadFile(Tmp("dst")));
     EXPECT_EQ(0640u, ModeOf(Tmp("dst")));
-    WriteFile(Tmp("empty"), "");
-    ASSERT_EQ(0, KOLVFileCopy(Tmp("empty").c_str(), Tmp("dst2").c_str()));
-    EXPECT_EQ("", ReadFile(Tmp("dst2")));
 
     // Failures: missing source, a directory source, a missing target folder.
     EXPECT_LT(KOLVFileCopy(Tmp("missing").c_str(), Tmp("x").c_str()), 0);
     EXPECT_LT(KOLVFileCopy(Tmp("").c_str(), Tmp("x").c_str()), 0);
     EXPECT_LT(KOLVFileCopy(Tmp("src").c_str(), Tmp("nodir/x").c_str()), 0);
-    EXPECT_LT(KOLVFileCopy(nullptr, Tmp("x").c_str()), 0);
-    EXPECT_LT(KOLVFileCopy(Tmp("src").c_str(), nullptr), 0);
 
     int n = 0;
     DIR *pDir = opendir(Tmp("").c_str());
@@ -152,13 +107,7 @@ TEST_F(PlatformFiles, CopyReplacesTheTargetAndLeavesNoTemporaryFile) {
     while (struct dirent *pEnt = readdir(pDir))
         n += pEnt->d_name[0] != '.';
     closedir(pDir);
-    EXPECT_EQ(4, n); // src dst empty dst2
-}
-
-/* Whether fd becomes readable within ms. */
-bool Readable(int fd, int ms) {
-    struct pollfd pfd = {fd, POLLIN, 0};
-    return poll(&pfd, 1, ms) == 1;
+    EXPECT_EQ(2, n); // src dst
 }
 
 TEST_F(PlatformFiles, ExclusiveLockBlocksAnotherProcess) {
@@ -178,32 +127,16 @@ TEST_F(PlatformFiles, ExclusiveLockBlocksAnotherProcess) {
         _exit(TRABCFileUnlockByFile(h) == 0 ? 0 : 3);
     }
     close(rgPipe[1]);
-    EXPECT_FALSE(Readable(rgPipe[0], 300)) << "the child got the lock while it was held";
+    // Nothing arrives while the lock is held; everything once it is let go.
+    struct pollfd pfd = {rgPipe[0], POLLIN, 0};
+    EXPECT_EQ(0, poll(&pfd, 1, 300)) << "the child got the lock while it was held";
     ASSERT_EQ(0, TRABCFileUnlockByFile(handle));
-    EXPECT_TRUE(Readable(rgPipe[0], 10000));
+    EXPECT_EQ(1, poll(&pfd, 1, 10000));
     close(rgPipe[0]);
     int status = 0;
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-}
 
-TEST_F(PlatformFiles, SharedLocksCoexist) {
-    std::string strLock = Tmp("shared");
-    int handle = -1;
-    ASSERT_EQ(1, TRABCFileLockByFile(strLock.c_str(), FALSE, &handle));
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        alarm(10);
-        int h = -1;
-        _exit(TRABCFileLockByFile(strLock.c_str(), FALSE, &h) == 1 ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_EQ(0, TRABCFileUnlockByFile(handle));
-    EXPECT_EQ(0, TRABCFileLockByFile(nullptr, TRUE, &handle));
-    EXPECT_EQ(0, TRABCFileLockByFile(strLock.c_str(), TRUE, nullptr));
     EXPECT_EQ(0, TRABCFileLockByFile(Tmp("nodir/lock").c_str(), TRUE, &handle));
     EXPECT_LT(TRABCFileUnlockByFile(-1), 0);
 }

@@ -9,27 +9,18 @@
 
 namespace {
 
-TEST(PlatformExec, ReturnsTheExitStatus) {
-    const char *rgTrue[] = {"true", nullptr};
-    EXPECT_EQ(0, TRABCExec("/bin/true", rgTrue));
+TEST(PlatformExec, ReturnsTheExitStatusOrFails) {
     const char *rgExit[] = {"sh", "-c", "exit 7", nullptr};
     EXPECT_EQ(7, TRABCExec("/bin/sh", rgExit));
     // argv reaches the program, argv[0] included.
     const char *rgArgs[] = {
-        "name",
-        "-c",
+        "name", "-c",
         "[ \"$0\" = 'a b' ] && [ \"$1\" = c ] && tr '\\0' '\\n' </proc/$$/cmdline | head -n1 | grep -qx name",
-        "a b",
-        "c",
-        nullptr};
+        "a b",  "c",  nullptr};
     EXPECT_EQ(0, TRABCExec("/bin/sh", rgArgs));
-}
-
-TEST(PlatformExec, FailsWhenTheProgramCannotRun) {
-    const char *rgArgv[] = {"nothere", nullptr};
-    EXPECT_LT(TRABCExec("/nonexistent/program", rgArgv), 0);
-    EXPECT_LT(TRABCExec("/dev/null", rgArgv), 0); // not executable
-    EXPECT_LT(TRABCExec(nullptr, rgArgv), 0);
+    EXPECT_LT(TRABCExec("/nonexistent/program", rgExit), 0);
+    EXPECT_LT(TRABCExec("/dev/null", rgExit), 0); // not executable
+    EXPECT_LT(TRABCExec(nullptr, rgExit), 0);
     const char *rgKill[] = {"sh", "-c", "kill -9 $$", nullptr};
     EXPECT_LT(TRABCExec("/bin/sh", rgKill), 0);
 }
@@ -58,18 +49,6 @@ TEST(PlatformFork, DetachClosesDescriptorsAndNullsStdio) {
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(0, WEXITSTATUS(status)) << "1: no new session, 2: fd left open, 4: stdio not /dev/null";
-}
-
-TEST(PlatformFork, NoFlagsKeepsEverything) {
-    int fdExtra = open("/dev/zero", O_RDONLY);
-    ASSERT_GT(fdExtra, 2);
-    int pid = TRABCProcForkEx(0);
-    ASSERT_GE(pid, 0);
-    if (pid == 0) _exit(getsid(0) == getsid(getppid()) && fcntl(fdExtra, F_GETFD) != -1 ? 0 : 1);
-    close(fdExtra);
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 } // namespace
