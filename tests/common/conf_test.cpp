@@ -14,135 +14,95 @@
 
 namespace {
 
+using kolvtest::ErrIs;
 using kolvtest::kAlice;
 using kolvtest::kBob;
 using kolvtest::OriginMsg;
+using kolvtest::ParseJson;
 
 class ConfTest : public kolvtest::SysrootTest {
   protected:
     std::string ConfPath() const { return m_sys.Path("/usr/kolv/etc/kolvvessa.conf"); }
-    Json::Value ReadConf() const { return kolvtest::ParseJson(kolvtest::ReadFile(ConfPath())); }
+    Json::Value ReadConf() const { return ParseJson(kolvtest::ReadFile(ConfPath())); }
 
-    std::vector<std::string> NoSharing(const char *szNs) {
-        TRABCSzList *pList = TRABCSzListAlloc(4);
-        EXPECT_EQ(0, KOLVVessaSettingsNoSharingUserList(szNs, &pList));
-        std::vector<std::string> vUids;
-        for (int i = 0; i < TRABCSzListCount(pList); ++i)
-            vUids.push_back(TRABCSzListGet(pList, i));
+    /* The no-sharing list of szNs, appended to a list holding "keep";
+     * "FAILED" when the call fails. */
+    std::string NoSharing(const char *szNs) {
+        TRABCSzList *pList = TRABCSzListAlloc(1);
+        TRABCSzListPush(&pList, "keep");
+        bool blOk = 0 == KOLVVessaSettingsNoSharingUserList(szNs, &pList);
+        std::string str = blOk ? "" : "FAILED";
+        for (int i = 0; blOk && i < TRABCSzListCount(pList); ++i)
+            str += std::string(i ? " " : "") + TRABCSzListGet(pList, i);
         TRABCSzListFree(pList);
-        return vUids;
+        return str;
     }
 };
 
 TEST_F(ConfTest, NoFileDisablesAccessButKeepsSharing) {
-    EXPECT_FALSE(KOLVVessaAccessCheck(NULL));
-    EXPECT_EQ(1027, KOLVVessaErrCodeGet());
-    EXPECT_EQ("FALSE == TRABCFileExist(SZF_KOLVVESSA_CONF_PATH)", OriginMsg());
+    EXPECT_FAILS(KOLVVessaAccessCheck(NULL), 1027, "FALSE == TRABCFileExist(SZF_KOLVVESSA_CONF_PATH)");
     EXPECT_FALSE(KOLVVessaSettingsAccessGet("note"));
     EXPECT_EQ(1027, KOLVVessaErrCodeGet());
-
     EXPECT_TRUE(KOLVVessaSharingCheck("note", kAlice));
     EXPECT_TRUE(KOLVVessaSettingsSharingGet(NULL, kAlice));
-    EXPECT_TRUE(NoSharing("note").empty());
+    EXPECT_EQ("keep", NoSharing("note"));
 }
 
 TEST_F(ConfTest, AccessNeedsMasterAndNamespaceSwitches) {
-    Json::Value j;
-    j["Access"]["enable"] = true;
-    m_sys.WriteSettings(j);
+    m_sys.WriteSettings(ParseJson(R"({"Access":{"enable":true}})"));
     EXPECT_TRUE(KOLVVessaAccessCheck(NULL));
-    EXPECT_FALSE(KOLVVessaAccessCheck("note"));
-    EXPECT_EQ(1012, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf[\"Access\"].isMember(szNSKey)", OriginMsg());
-    EXPECT_EQ(2u, KOLVVessaErrMsgGet().size());
-    EXPECT_EQ("FALSE == KOLVVessaSettingsAccessGetEx(jConf, szNameSpace)", KOLVVessaErrMsgGet()[1]["msg"].asString());
+    EXPECT_FAILS(KOLVVessaAccessCheck("note"), 1012, "!jConf[\"Access\"].isMember(szNSKey)");
+    EXPECT_EQ("!jConf[\"Access\"].isMember(szNSKey)\nFALSE == KOLVVessaSettingsAccessGetEx(jConf, szNameSpace)",
+              kolvtest::StackText());
 
     // Get asks the namespace switch alone; Check wants the master switch too.
-    j["Access"]["enable"] = false;
-    j["Access"]["enable_ns_note"] = true;
-    m_sys.WriteSettings(j);
+    m_sys.WriteSettings(ParseJson(R"({"Access":{"enable":false,"enable_ns_note":true}})"));
     EXPECT_TRUE(KOLVVessaSettingsAccessGet("note"));
-    EXPECT_FALSE(KOLVVessaAccessCheck("note"));
-    EXPECT_EQ(1027, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf[\"Access\"][\"enable\"].asBool()", OriginMsg());
+    EXPECT_FAILS(KOLVVessaAccessCheck("note"), 1027, "!jConf[\"Access\"][\"enable\"].asBool()");
 
-    j["Access"]["enable"] = true;
-    j["Access"]["enable_ns_todo"] = false;
-    m_sys.WriteSettings(j);
+    m_sys.WriteSettings(ParseJson(R"({"Access":{"enable":true,"enable_ns_note":true,"enable_ns_todo":false}})"));
     EXPECT_TRUE(KOLVVessaAccessCheck("note"));
-    EXPECT_FALSE(KOLVVessaAccessCheck("todo"));
-    EXPECT_EQ(1012, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf[\"Access\"][szNSKey].asBool()", OriginMsg());
+    EXPECT_FAILS(KOLVVessaAccessCheck("todo"), 1012, "!jConf[\"Access\"][szNSKey].asBool()");
 }
 
 TEST_F(ConfTest, WrongTypesAreCorruptionNotDisabled) {
-    Json::Value j;
-    j["Access"]["enable"] = "yes";
-    m_sys.WriteSettings(j);
-    EXPECT_FALSE(KOLVVessaAccessCheck(NULL));
-    EXPECT_EQ(1026, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf[\"Access\"][\"enable\"].isBool()", OriginMsg());
-
-    j["Access"] = Json::Value(Json::arrayValue);
-    m_sys.WriteSettings(j);
-    EXPECT_FALSE(KOLVVessaSettingsAccessGet(NULL));
-    EXPECT_EQ(1026, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf[\"Access\"].isObject()", OriginMsg());
+    m_sys.WriteSettings(ParseJson(R"({"Access":{"enable":"yes"}})"));
+    EXPECT_FAILS(KOLVVessaAccessCheck(NULL), 1026, "!jConf[\"Access\"][\"enable\"].isBool()");
+    m_sys.WriteSettings(ParseJson(R"({"Access":[]})"));
+    EXPECT_FAILS(KOLVVessaSettingsAccessGet(NULL), 1026, "!jConf[\"Access\"].isObject()");
 
     // No "Access" at all counts as disabled, not corrupt.
-    EXPECT_FALSE(KOLVVessaSettingsAccessGetEx(Json::Value(Json::objectValue), NULL));
-    EXPECT_EQ(1027, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf.isMember(\"Access\")", OriginMsg());
-    EXPECT_FALSE(KOLVVessaSettingsAccessGetEx(Json::Value("x"), NULL));
-    EXPECT_EQ("!jConf.isObject()", OriginMsg());
+    EXPECT_FAILS(KOLVVessaSettingsAccessGetEx(Json::Value(Json::objectValue), NULL), 1027,
+                 "!jConf.isMember(\"Access\")");
+    EXPECT_FAILS(KOLVVessaSettingsAccessGetEx(Json::Value("x"), NULL), 1026, "!jConf.isObject()");
 
-    Json::Value jSharing;
-    jSharing["Sharing"]["1101"]["disable"] = "yes";
-    EXPECT_FALSE(KOLVVessaSettingsSharingGetEx(jSharing, NULL, kAlice));
-    EXPECT_EQ(1026, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf[\"Sharing\"][szUid][\"disable\"].isBool()", OriginMsg());
+    Json::Value jSharing = ParseJson(R"({"Sharing":{"1101":{"disable":"yes"}}})");
+    EXPECT_FAILS(KOLVVessaSettingsSharingGetEx(jSharing, NULL, kAlice), 1026,
+                 "!jConf[\"Sharing\"][szUid][\"disable\"].isBool()");
     jSharing["Sharing"]["1101"] = 1;
-    EXPECT_FALSE(KOLVVessaSettingsSharingGetEx(jSharing, "note", kAlice));
-    EXPECT_EQ("!jConf[\"Sharing\"][szUid].isObject()", OriginMsg());
-    EXPECT_FALSE(KOLVVessaSettingsSharingGetEx(jSharing, "note", UID_ERR));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("UID_ERR == owner", OriginMsg());
+    EXPECT_FAILS(KOLVVessaSettingsSharingGetEx(jSharing, "note", kAlice), 1026,
+                 "!jConf[\"Sharing\"][szUid].isObject()");
+    EXPECT_FAILS(KOLVVessaSettingsSharingGetEx(jSharing, "note", UID_ERR), 1015, "UID_ERR == owner");
 }
 
 TEST_F(ConfTest, CorruptFileFailsChecksButNotLenientGetter) {
     kolvtest::WriteFile(ConfPath(), "{\"Access\": {\"enable\": tru");
-    EXPECT_FALSE(KOLVVessaAccessCheck(NULL));
-    EXPECT_EQ(1026, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)", OriginMsg());
-
-    EXPECT_FALSE(KOLVVessaSharingCheck("note", kAlice));
-    EXPECT_EQ(1026, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)", OriginMsg());
+    EXPECT_FAILS(KOLVVessaAccessCheck(NULL), 1026, "!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)");
+    EXPECT_FAILS(KOLVVessaSharingCheck("note", kAlice), 1026, "!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)");
     EXPECT_TRUE(KOLVVessaSettingsSharingGet("note", kAlice));
-
-    TRABCSzList *pList = TRABCSzListAlloc(4);
-    EXPECT_EQ(-1, KOLVVessaSettingsNoSharingUserList("note", &pList));
+    EXPECT_EQ("FAILED", NoSharing("note"));
     EXPECT_EQ(1026, KOLVVessaErrCodeGet());
-    TRABCSzListFree(pList);
 }
 
 TEST_F(ConfTest, OwnerWithdrawsGloballyOrPerNamespace) {
-    Json::Value j;
-    j["Sharing"]["1101"]["disable"] = true;
-    j["Sharing"]["1102"]["disable_ns_note"] = true;
-    m_sys.WriteSettings(j);
-
-    EXPECT_FALSE(KOLVVessaSharingCheck("note", kAlice));
-    EXPECT_EQ(1020, KOLVVessaErrCodeGet());
-    EXPECT_EQ("jConf[\"Sharing\"][szUid][\"disable\"].asBool()", OriginMsg());
+    m_sys.WriteSettings(ParseJson(R"({"Sharing":{"1101":{"disable":true},"1102":{"disable_ns_note":true}}})"));
+    EXPECT_FAILS(KOLVVessaSharingCheck("note", kAlice), 1020, "jConf[\"Sharing\"][szUid][\"disable\"].asBool()");
     EXPECT_EQ("FALSE == KOLVVessaSettingsSharingGetEx(jConf, NULL, owner)", KOLVVessaErrMsgGet()[1]["msg"].asString());
     // The namespace form ignores the owner's global "disable".
     EXPECT_TRUE(KOLVVessaSettingsSharingGet("note", kAlice));
     EXPECT_FALSE(KOLVVessaSettingsSharingGet(NULL, kAlice));
 
-    EXPECT_FALSE(KOLVVessaSharingCheck("note", kBob));
-    EXPECT_EQ(1020, KOLVVessaErrCodeGet());
-    EXPECT_EQ("jConf[\"Sharing\"][szUid][szNSKey].asBool()", OriginMsg());
+    EXPECT_FAILS(KOLVVessaSharingCheck("note", kBob), 1020, "jConf[\"Sharing\"][szUid][szNSKey].asBool()");
     EXPECT_TRUE(KOLVVessaSharingCheck("todo", kBob));
     EXPECT_TRUE(KOLVVessaSharingCheck(NULL, kBob));
     EXPECT_TRUE(KOLVVessaSharingCheck("note", kolvtest::kCarol));
@@ -153,71 +113,42 @@ TEST_F(ConfTest, SettersStoreTheRuleAndKeepOtherKeys) {
     ASSERT_EQ(0, KOLVVessaSettingsSharingSet(NULL, kAlice, 2));
     EXPECT_TRUE(ReadConf()["Sharing"]["1101"]["disable"].asBool());
 
-    Json::Value j;
-    j["Access"]["enable_ns_todo"] = true;
-    j["Sharing"]["1101"]["disable"] = true;
-    j["Other"]["x"] = 1;
-    m_sys.WriteSettings(j);
+    m_sys.WriteSettings(
+        ParseJson(R"({"Access":{"enable_ns_todo":true},"Sharing":{"1101":{"disable":true}},"Other":{"x":1}})"));
     ASSERT_EQ(0, KOLVVessaSettingsAccessSet(NULL, 1));
-    ASSERT_EQ(0, KOLVVessaSettingsAccessSet("note", 2));
+    ASSERT_EQ(0, KOLVVessaSettingsAccessSet("note", 2)); // only 1 enables
     ASSERT_EQ(0, KOLVVessaSettingsSharingSet("note", kAlice, 1));
     ASSERT_EQ(0, KOLVVessaSettingsSharingSet("note", kBob, 0));
-
-    Json::Value jConf = ReadConf();
-    EXPECT_EQ(Json::Value(true), jConf["Access"]["enable"]);
-    EXPECT_EQ(Json::Value(false), jConf["Access"]["enable_ns_note"]);
-    EXPECT_EQ(Json::Value(true), jConf["Access"]["enable_ns_todo"]);
-    EXPECT_EQ(Json::Value(true), jConf["Sharing"]["1101"]["disable"]);
-    EXPECT_EQ(Json::Value(false), jConf["Sharing"]["1101"]["disable_ns_note"]);
-    EXPECT_EQ(Json::Value(true), jConf["Sharing"]["1102"]["disable_ns_note"]);
-    EXPECT_EQ(1, jConf["Other"]["x"].asInt());
+    EXPECT_EQ(ParseJson(R"({"Access":{"enable":true,"enable_ns_note":false,"enable_ns_todo":true},
+                            "Sharing":{"1101":{"disable":true,"disable_ns_note":false},
+                                       "1102":{"disable_ns_note":true}},"Other":{"x":1}})"),
+              ReadConf());
     struct stat st;
     EXPECT_NE(0, stat((ConfPath() + ".tmp").c_str(), &st));
     EXPECT_TRUE(KOLVVessaAccessCheck(NULL));
-}
 
-TEST_F(ConfTest, SetterReportsAFailedWrite) {
     // A directory where the file belongs cannot be replaced by a file.
+    ASSERT_EQ(0, unlink(ConfPath().c_str()));
     ASSERT_EQ(0, mkdir(ConfPath().c_str(), 0755));
     EXPECT_EQ(-1, KOLVVessaSettingsAccessSet(NULL, 1));
-    EXPECT_EQ(1029, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf.toFile(SZF_KOLVVESSA_CONF_PATH)", OriginMsg());
+    EXPECT_TRUE(ErrIs(1029, "!jConf.toFile(SZF_KOLVVESSA_CONF_PATH)"));
 }
 
 TEST_F(ConfTest, NoSharingListCollectsOwnersOfTheNamespace) {
-    Json::Value j;
-    j["Sharing"]["1101"]["disable"] = true;
-    j["Sharing"]["1102"]["disable_ns_note"] = true;
-    j["Sharing"]["1103"]["disable_ns_todo"] = true;
-    j["Sharing"]["1104"]["disable"] = false;
-    j["Sharing"]["1105"]["disable"] = "yes";
-    j["Sharing"]["1106"] = 7;
-    m_sys.WriteSettings(j);
-    EXPECT_EQ((std::vector<std::string>{"1101", "1102"}), NoSharing("note"));
-    EXPECT_EQ((std::vector<std::string>{"1101", "1103"}), NoSharing("todo"));
+    m_sys.WriteSettings(ParseJson(R"({"Sharing":{"1101":{"disable":true},"1102":{"disable_ns_note":true},
+        "1103":{"disable_ns_todo":true},"1104":{"disable":false},"1105":{"disable":"yes"},"1106":7}})"));
+    EXPECT_EQ("keep 1101 1102", NoSharing("note"));
+    EXPECT_EQ("keep 1101 1103", NoSharing("todo"));
 
-    // The list is appended to, not replaced.
-    TRABCSzList *pList = TRABCSzListAlloc(1);
-    TRABCSzListPush(&pList, "keep");
-    EXPECT_EQ(0, KOLVVessaSettingsNoSharingUserList("note", &pList));
-    EXPECT_EQ(3, TRABCSzListCount(pList));
-    EXPECT_STREQ("keep", TRABCSzListGet(pList, 0));
-
-    EXPECT_EQ(-1, KOLVVessaSettingsNoSharingUserList(NULL, &pList));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("NULL == szNameSpace", OriginMsg());
+    EXPECT_EQ("FAILED", NoSharing(NULL));
+    EXPECT_TRUE(ErrIs(1015, "NULL == szNameSpace"));
     TRABCSzList *pNone = NULL;
     EXPECT_EQ(-1, KOLVVessaSettingsNoSharingUserList("note", &pNone));
-    EXPECT_EQ("NULL == ppList || NULL == *ppList", OriginMsg());
-    TRABCSzListFree(pList);
+    EXPECT_TRUE(ErrIs(1015, "NULL == ppList || NULL == *ppList"));
 
-    j["Sharing"] = "none";
-    m_sys.WriteSettings(j);
-    pList = TRABCSzListAlloc(1);
-    EXPECT_EQ(-1, KOLVVessaSettingsNoSharingUserList("note", &pList));
-    EXPECT_EQ(1026, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jConf[\"Sharing\"].isObject()", OriginMsg());
-    TRABCSzListFree(pList);
+    m_sys.WriteSettings(ParseJson(R"({"Sharing":"none"})"));
+    EXPECT_EQ("FAILED", NoSharing("note"));
+    EXPECT_TRUE(ErrIs(1026, "!jConf[\"Sharing\"].isObject()"));
 }
 
 } // namespace

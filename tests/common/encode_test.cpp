@@ -70,11 +70,8 @@ TEST(NameEncoding, EscapedForm) {
 
 TEST(NameEncoding, Failures) {
     std::string strOut;
-    EXPECT_FALSE(KOLVVessaEncode(NULL, 3, strOut));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("NULL == szIn || 0 == nIn", kolvtest::OriginMsg());
-    EXPECT_FALSE(KOLVVessaEncode("", strOut));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
+    EXPECT_FAILS(KOLVVessaEncode(NULL, 3, strOut), 1015, "NULL == szIn || 0 == nIn");
+    EXPECT_FAILS(KOLVVessaEncode("", strOut), 1015, "NULL == szIn || 0 == nIn");
 
     // The unterminated brace appends to whatever stack is there.
     EXPECT_FALSE(KOLVVessaDecode("YWI{61", strOut));
@@ -83,21 +80,13 @@ TEST(NameEncoding, Failures) {
     EXPECT_FALSE(KOLVVessaErrMsgGet()[1].isMember("code"));
     EXPECT_EQ("NULL == szEnd", KOLVVessaErrMsgGet()[1]["msg"].asString());
 
-    EXPECT_FALSE(KOLVVessaDecode("", strOut));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("0 == strIn.length()", kolvtest::OriginMsg());
-    EXPECT_FALSE(KOLVVessaDecode("YWI{61}", NULL, 4));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("NULL == szOut", kolvtest::OriginMsg());
+    EXPECT_FAILS(KOLVVessaDecode("", strOut), 1015, "0 == strIn.length()");
+    EXPECT_FAILS(KOLVVessaDecode("YWI{61}", NULL, 4), 1015, "NULL == szOut");
 
     // "!" is no base64; "YWJj" needs three bytes.
     const char *szDecodeText = "!KOLVEncodingBase64Decode((const char *)strResult.c_str(), strResult.length(), "
                                "(char *)szOut, &nOut)";
-    EXPECT_FALSE(KOLVVessaDecode("Y{33}I{61}", strOut));
-    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
-    EXPECT_EQ(szDecodeText, kolvtest::OriginMsg());
+    EXPECT_FAILS(KOLVVessaDecode("Y{33}I{61}", strOut), 1000, szDecodeText);
     unsigned char szShort[2];
-    EXPECT_FALSE(KOLVVessaDecode("YWJj", szShort, sizeof(szShort), true));
-    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
-    EXPECT_EQ(szDecodeText, kolvtest::OriginMsg());
+    EXPECT_FAILS(KOLVVessaDecode("YWJj", szShort, sizeof(szShort), true), 1000, szDecodeText);
 }

@@ -66,12 +66,8 @@ TEST(JsonDiff, RecordsAndUntouchedResult) {
                   "{\"key\":\"d\",\"type\":\"ins\",\"value\":4}]"),
               jResult);
 
-    EXPECT_FALSE(KOLVVessaJsonDiff(Obj("[1]"), Obj("{}"), jResult));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jData1.isObject()", kolvtest::OriginMsg());
-    EXPECT_FALSE(KOLVVessaJsonDiff(Obj("{}"), Json::Value(), jResult));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jData2.isObject()", kolvtest::OriginMsg());
+    EXPECT_FAILS(KOLVVessaJsonDiff(Obj("[1]"), Obj("{}"), jResult), 1015, "!jData1.isObject()");
+    EXPECT_FAILS(KOLVVessaJsonDiff(Obj("{}"), Json::Value(), jResult), 1015, "!jData2.isObject()");
 }
 
 class JsonFile : public kolvtest::SysrootTest {
@@ -79,7 +75,7 @@ class JsonFile : public kolvtest::SysrootTest {
     std::string Path(const char *szName) const { return m_sys.Path(std::string("/tmp/") + szName); }
 };
 
-TEST_F(JsonFile, WriteReplacesWholeFile) {
+TEST_F(JsonFile, WriteReplacesWholeFileOrFails) {
     std::string strPath = Path("a.json");
     ASSERT_TRUE(kolv::KolvJson(WriterValue(1, 1)).toFile(strPath));
     ASSERT_TRUE(KOLVVessaJsonToFile(Obj("{\"short\":true}"), strPath));
@@ -93,23 +89,12 @@ TEST_F(JsonFile, WriteReplacesWholeFile) {
     EXPECT_FALSE(jRead.fromFile(Path("missing.json")));
     EXPECT_FALSE(jRead.fromString("{\"a\":"));
     EXPECT_EQ(Obj("{\"short\":true}"), jRead);
-}
 
-TEST_F(JsonFile, WriteFailures) {
-    EXPECT_FALSE(KOLVVessaJsonToFile(Obj("{}"), ""));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("strPath.empty()", kolvtest::OriginMsg());
-
-    EXPECT_FALSE(KOLVVessaJsonToFile(Obj("{}"), Path("no/such/dir.json")));
-    EXPECT_EQ(1002, KOLVVessaErrCodeGet());
-    EXPECT_EQ("0 > fdLock", kolvtest::OriginMsg());
-
+    EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), ""), 1015, "strPath.empty()");
+    EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), Path("no/such/dir.json")), 1002, "0 > fdLock");
     // The temporary file cannot be opened where a directory stands.
-    std::string strPath = Path("b.json");
     ASSERT_EQ(0, kolvtest::RunCommand("mkdir '" + strPath + ".tmp'"));
-    EXPECT_FALSE(KOLVVessaJsonToFile(Obj("{}"), strPath));
-    EXPECT_EQ(1002, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!ofs.good()", kolvtest::OriginMsg());
+    EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), strPath), 1002, "!ofs.good()");
 }
 
 TEST_F(JsonFile, LockHeldElsewhereGivesUp) {
@@ -128,9 +113,7 @@ TEST_F(JsonFile, LockHeldElsewhereGivesUp) {
     ASSERT_EQ(1, read(rgPipe[0], &c, 1));
     ASSERT_EQ('L', c);
 
-    EXPECT_FALSE(KOLVVessaJsonToFile(Obj("{}"), strPath));
-    EXPECT_EQ(1001, KOLVVessaErrCodeGet());
-    EXPECT_EQ("flock [" + strPath + "] failed for 5 times.", kolvtest::OriginMsg());
+    EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), strPath), 1001, "flock [" + strPath + "] failed for 5 times.");
 
     kill(pid, SIGKILL);
     waitpid(pid, NULL, 0);

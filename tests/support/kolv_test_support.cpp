@@ -142,6 +142,43 @@ std::string StackText() {
     return str;
 }
 
+::testing::AssertionResult ErrIs(int code, const std::string &strOrigin) {
+    if (KOLVVessaErrCodeGet() == code && OriginMsg() == strOrigin) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "want " << code << " [" << strOrigin << "], have "
+                                         << KOLVVessaErrCodeGet() << " [" << StackText() << "]";
+}
+
+::testing::AssertionResult FailedWith(bool blFailed, const char *szExpr, int code, const std::string &strOrigin) {
+    if (!blFailed) return ::testing::AssertionFailure() << szExpr << " succeeded";
+    return ErrIs(code, strOrigin) << " after " << szExpr;
+}
+
+std::string Git(const std::string &strDir, const std::string &strArgs, int *pStatus) {
+    std::string strOut;
+    int status = RunCommand("git -c safe.directory='*' -C '" + strDir + "' " + strArgs + " 2>&1", &strOut);
+    if (pStatus) *pStatus = status;
+    return strOut;
+}
+
+void ExpectCleanRepo(const std::string &strDir) {
+    int status = -1;
+    std::string strFsck = Git(strDir, "fsck --strict --no-dangling", &status);
+    EXPECT_EQ(0, status) << strFsck;
+    EXPECT_EQ(std::string::npos, strFsck.find("error")) << strFsck;
+    EXPECT_EQ(std::string::npos, strFsck.find("warning")) << strFsck;
+    EXPECT_EQ("", Git(strDir, "status --porcelain --untracked-files=all"));
+}
+
+Hash::Hash(std::initializer_list<std::pair<const char *, std::string>> pairs) : m_p(TRABCSzHashAlloc(BUFSIZ)) {
+    for (const auto &pair : pairs)
+        Set(pair.first, pair.second);
+}
+
+std::string Hash::Value(const char *szKey) const {
+    const char *sz = TRABCSzHashGetValue(m_p, szKey);
+    return sz ? sz : "";
+}
+
 bool HavePostgres() { return getenv("PGHOST") && *getenv("PGHOST"); }
 
 void DropIndexDatabase() {

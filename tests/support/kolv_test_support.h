@@ -19,7 +19,11 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <kolvplatform/kolv_platform.h>
+
+#include <initializer_list>
 #include <string>
+#include <utility>
 
 namespace kolvtest {
 
@@ -69,6 +73,31 @@ int RunCommand(const std::string &strCmd, std::string *pOut = nullptr);
 std::string OriginMsg();
 /* Every "msg" of the stack, joined with "\n". */
 std::string StackText();
+/* The stack's code is code and its origin's text is strOrigin. */
+::testing::AssertionResult ErrIs(int code, const std::string &strOrigin);
+/* blFailed, and the stack as ErrIs; szExpr names the call. */
+::testing::AssertionResult FailedWith(bool blFailed, const char *szExpr, int code, const std::string &strOrigin);
+
+/* git with every directory trusted, run in strDir; output and stderr. */
+std::string Git(const std::string &strDir, const std::string &strArgs, int *pStatus = nullptr);
+/* git fsck --strict passes and the work tree matches HEAD exactly. */
+void ExpectCleanRepo(const std::string &strDir);
+
+/* A platform string hash owned by the test. */
+class Hash {
+  public:
+    explicit Hash(std::initializer_list<std::pair<const char *, std::string>> pairs = {});
+    ~Hash() { TRABCSzHashFree(m_p); }
+    Hash(const Hash &) = delete;
+    Hash &operator=(const Hash &) = delete;
+    TRABCSzHash *get() { return m_p; }
+    void Set(const char *szKey, const std::string &strValue) { TRABCSzHashSetValue(&m_p, szKey, strValue.c_str()); }
+    std::string Value(const char *szKey) const;
+    int Count() const { return TRABCSzHashCount(m_p); }
+
+  private:
+    TRABCSzHash *m_p;
+};
 
 /* PostgreSQL: whether the test command started a server (PGHOST set). */
 bool HavePostgres();
@@ -79,5 +108,8 @@ void DropIndexDatabase();
 std::string Psql(const std::string &strSQL);
 
 } // namespace kolvtest
+
+/* expr fails (false, 0 or null) with code and the origin's text. */
+#define EXPECT_FAILS(expr, code, text) EXPECT_TRUE(::kolvtest::FailedWith(!(expr), #expr, code, text))
 
 #endif /* KOLV_TEST_SUPPORT_H */
