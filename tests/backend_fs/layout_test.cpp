@@ -18,7 +18,6 @@
 
 namespace {
 
-using kolvtest::OriginMsg;
 
 const char *const kNs = "note";
 const std::string kId = "1101_0123456789ABCDEF";
@@ -73,21 +72,14 @@ TEST_F(LayoutTest, PathInfoOfAnObjectTakesTheOwnerFromTheId) {
 TEST_F(LayoutTest, InitChecksIdOwnerAndRequester) {
     Json::Value jNoId;
     jNoId["ns"] = kNs;
-    EXPECT_FALSE(m_fs->mf_init(jNoId));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!m_jParm.isMember(\"id\")", OriginMsg());
-
-    EXPECT_FALSE(m_fs->mf_init(jNoId, true));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!m_jParm.isMember(\"owner\")", OriginMsg());
+    EXPECT_FAILS(m_fs->mf_init(jNoId), 1015, "!m_jParm.isMember(\"id\")");
+    EXPECT_FAILS(m_fs->mf_init(jNoId, true), 1015, "!m_jParm.isMember(\"owner\")");
 
     // A requester makes the owner's existence matter; the system does not.
     Json::Value jParm = Parm(kNs, "4242_00AA");
     ASSERT_TRUE(m_fs->mf_init(jParm)) << kolvtest::StackText();
     jParm["requester"] = kolvtest::kAlice;
-    EXPECT_FALSE(m_fs->mf_init(jParm));
-    EXPECT_EQ(1022, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!KOLVVessaCheckUID((uid_t)jParm[\"owner\"].asInt64())", OriginMsg());
+    EXPECT_FAILS(m_fs->mf_init(jParm), 1022, "!KOLVVessaCheckUID((uid_t)jParm[\"owner\"].asInt64())");
 }
 
 TEST_F(LayoutTest, CreateMakesAFreshIdAndTheOwnersDirectories) {
@@ -125,18 +117,13 @@ TEST_F(LayoutTest, NamesThatLeaveTheRepositoryAreRefused) {
     const char *szIdCond = "!jParm[\"id\"].isString() || !kolv::IsSafePathName(jParm[\"id\"].asString())";
     for (const char *szNs : {"..", "a/b", ""}) {
         Json::Value jParm = Parm(szNs, kId);
-        EXPECT_FALSE(m_fs->mf_init(jParm)) << szNs;
-        EXPECT_EQ(1007, KOLVVessaErrCodeGet()) << szNs;
-        EXPECT_EQ(szNsCond, OriginMsg()) << szNs;
+        EXPECT_FAILS(m_fs->mf_init(jParm), 1007, szNsCond);
         jParm["owner"] = kolvtest::kAlice;
-        EXPECT_FALSE(m_fs->mf_init(jParm, true)) << szNs;
-        EXPECT_EQ(1007, KOLVVessaErrCodeGet()) << szNs;
+        EXPECT_FAILS(m_fs->mf_init(jParm, true), 1007, szNsCond);
     }
     for (const char *szId : {"1026_../../x", "1026_a/b"}) {
         Json::Value jParm = Parm(kNs, szId);
-        EXPECT_FALSE(m_fs->mf_init(jParm)) << szId;
-        EXPECT_EQ(1007, KOLVVessaErrCodeGet()) << szId;
-        EXPECT_EQ(szIdCond, OriginMsg()) << szId;
+        EXPECT_FAILS(m_fs->mf_init(jParm), 1007, szIdCond);
         jParm["owner"] = 1026;
         EXPECT_FALSE(m_fs->mf_init(jParm, true)) << szId;
         EXPECT_FALSE(m_fs->mf_CreatePath());
@@ -147,9 +134,8 @@ TEST_F(LayoutTest, NamesThatLeaveTheRepositoryAreRefused) {
     jIn["id"] = "1101_../../etc";
     jIn["name"] = "f";
     Json::Value jOther;
-    EXPECT_FALSE(m_fs->mf_GetBinaryObjectPath(jIn, jOther));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jIn[\"id\"].isString() || !kolv::IsSafePathName(jIn[\"id\"].asString())", OriginMsg());
+    EXPECT_FAILS(m_fs->mf_GetBinaryObjectPath(jIn, jOther), 1007,
+                 "!jIn[\"id\"].isString() || !kolv::IsSafePathName(jIn[\"id\"].asString())");
 
     EXPECT_FALSE(IsDir(m_sys.Repo()));
     EXPECT_FALSE(IsDir(m_sys.Path("/volume1/x")));
@@ -165,12 +151,9 @@ TEST_F(LayoutTest, OtherObjectsAreFoundInTheSameNamespace) {
     EXPECT_EQ(m_sys.Repo() + "/note/1102_BEEF/version/binary", jOther["version/binary"].asString());
 
     jIn["id"] = "bob_BEEF";
-    EXPECT_FALSE(m_fs->mf_GetBinaryObjectPath(jIn, jOther));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("uid == UID_ERR", OriginMsg());
+    EXPECT_FAILS(m_fs->mf_GetBinaryObjectPath(jIn, jOther), 1015, "uid == UID_ERR");
     jIn.removeMember("name");
-    EXPECT_FALSE(m_fs->mf_GetBinaryObjectPath(jIn, jOther));
-    EXPECT_EQ("!jIn.isMember(\"name\")", OriginMsg());
+    EXPECT_FAILS(m_fs->mf_GetBinaryObjectPath(jIn, jOther), 1015, "!jIn.isMember(\"name\")");
 
     // A meta binary file's info record sits under the same encoded name.
     std::string strFile = m_fs->m_jPathInfo["metabinary"].asString() + "/QUJD";
@@ -178,9 +161,8 @@ TEST_F(LayoutTest, OtherObjectsAreFoundInTheSameNamespace) {
     ASSERT_TRUE(m_fs->mf_GetBinaryInfoPath(strFile, strInfo));
     EXPECT_EQ(m_fs->m_jPathInfo["metabinary_info"].asString() + "/QUJD", strInfo);
     std::string strBare = "QUJD";
-    EXPECT_FALSE(m_fs->mf_GetBinaryInfoPath(strBare, strInfo));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("cannot find the binary info path, binary file=QUJD", OriginMsg());
+    EXPECT_FAILS(m_fs->mf_GetBinaryInfoPath(strBare, strInfo), 1015,
+                 "cannot find the binary info path, binary file=QUJD");
 }
 
 TEST_F(LayoutTest, FieldSelectionPicksStorageUnits) {
@@ -254,16 +236,11 @@ TEST_F(LayoutTest, OperationsNotBuiltYetFailLoudly) {
     std::string strVer;
     KOLV_VESSA_OBJECT *pHead = NULL;
     unsigned total = 0;
-    EXPECT_FALSE(pFs->Download(jParm));
-    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
-    EXPECT_EQ("file-store download is not available yet", OriginMsg());
-    EXPECT_FALSE(pFs->FieldRename(jParm, strVer));
-    EXPECT_EQ("file-store field rename is not available yet", OriginMsg());
-    EXPECT_FALSE(pFs->Delete(jParm));
-    EXPECT_EQ("file-store delete is not available yet", OriginMsg());
+    EXPECT_FAILS(pFs->Download(jParm), 1000, "file-store download is not available yet");
+    EXPECT_FAILS(pFs->FieldRename(jParm, strVer), 1000, "file-store field rename is not available yet");
+    EXPECT_FAILS(pFs->Delete(jParm), 1000, "file-store delete is not available yet");
     EXPECT_GT(0, pFs->List(jParm, &pHead, total));
-    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
-    EXPECT_EQ("file-store listing is not available yet", OriginMsg());
+    EXPECT_TRUE(kolvtest::ErrIs(1000, "file-store listing is not available yet"));
     EXPECT_EQ(nullptr, pHead);
 }
 

@@ -23,7 +23,6 @@
 namespace {
 
 using kolvtest::kAlice;
-using kolvtest::OriginMsg;
 using kolvtest::ParseJson;
 using kolvtest::ReadFile;
 
@@ -74,18 +73,9 @@ class VersionStoreTest : public kolvtest::SysrootTest {
     std::string Dir(const std::string &strId) { return m_sys.Repo() + "/note/" + strId; }
 
     std::string Git(const std::string &strId, const std::string &strArgs) {
-        std::string strOut;
-        kolvtest::RunCommand("git -c safe.directory='*' -C '" + Dir(strId) + "/version' " + strArgs + " 2>&1", &strOut);
-        return strOut;
+        return kolvtest::Git(Dir(strId) + "/version", strArgs);
     }
-
-    void ExpectValidAndClean(const std::string &strId) {
-        std::string strOut;
-        int status = kolvtest::RunCommand(
-            "git -c safe.directory='*' -C '" + Dir(strId) + "/version' fsck --strict --no-dangling 2>&1", &strOut);
-        EXPECT_EQ(0, status) << strOut;
-        EXPECT_EQ("", Git(strId, "status --porcelain --untracked-files=all"));
-    }
+    void ExpectValidAndClean(const std::string &strId) { kolvtest::ExpectCleanRepo(Dir(strId) + "/version"); }
 
     bool ScratchEmpty() {
         std::string strOut;
@@ -166,11 +156,9 @@ TEST_F(VersionStoreTest, CreateAndSetWriteOneCommitPerChange) {
     EXPECT_TRUE(ScratchEmpty());
 
     std::string strUnknown(40, 'a');
-    EXPECT_FALSE(Get(strId, ParseJson(R"({"text":true})"), strUnknown.c_str(), older));
-    EXPECT_EQ(1008, KOLVVessaErrCodeGet());
-    EXPECT_EQ("GitLoadCommit(m_jPathInfo[KOLVVES_VERSION].asCString(), m_jParm[\"version\"].asCString(), "
-              "strTempDir.c_str(), jCommitInfo)",
-              OriginMsg());
+    EXPECT_FAILS(Get(strId, ParseJson(R"({"text":true})"), strUnknown.c_str(), older), 1008,
+                 "GitLoadCommit(m_jPathInfo[KOLVVES_VERSION].asCString(), m_jParm[\"version\"].asCString(), "
+                 "strTempDir.c_str(), jCommitInfo)");
     EXPECT_TRUE(ScratchEmpty());
 }
 
@@ -223,13 +211,9 @@ TEST_F(VersionStoreTest, BinaryFilesByPathDeleteAndFromAnotherObject) {
     // A source object without the file, and a source path that is gone.
     KOLVVessaErrMsgGet().clear();
     j["binary_files"] = Binary("nosuch", "object", strA);
-    EXPECT_FALSE(Set(strB, strVb3, j, strNone));
-    EXPECT_EQ(-1, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!TRABCFileExist(strBinaryPath.c_str())", OriginMsg());
+    EXPECT_FAILS(Set(strB, strVb3, j, strNone), -1, "!TRABCFileExist(strBinaryPath.c_str())");
     j["binary_files"] = Binary("gone", "jpg", m_sys.Root() + "/gone.bin");
-    EXPECT_FALSE(Set(strB, strVb3, j, strNone));
-    EXPECT_EQ(1002, KOLVVessaErrCodeGet());
-    EXPECT_EQ("NULL == (inFile = fopen (szPath, \"rb\"))", OriginMsg());
+    EXPECT_FAILS(Set(strB, strVb3, j, strNone), 1002, "NULL == (inFile = fopen (szPath, \"rb\"))");
     EXPECT_EQ(strVb3 + "\n", Git(strB, "rev-parse HEAD"));
     EXPECT_TRUE(ScratchEmpty());
 }
@@ -330,9 +314,8 @@ TEST_F(VersionStoreTest, MissingRepositoryOrVersionIs1008OtherFailures1037) {
     KOLV_VESSA_OBJECT_VERSION ver;
     Json::Value jGet = ParseJson(R"({"ns":"note"})");
     jGet["id"] = KOLVVessaObjectGenerateID(kAlice);
-    EXPECT_FALSE(fs.VersionGet(jGet, &ver));
-    EXPECT_EQ(1008, KOLVVessaErrCodeGet());
-    EXPECT_EQ("GitGetCommitInfo(m_jPathInfo[KOLVVES_VERSION].asCString(), szVersion, jCommitInfo)", OriginMsg());
+    EXPECT_FAILS(fs.VersionGet(jGet, &ver), 1008,
+                 "GitGetCommitInfo(m_jPathInfo[KOLVVES_VERSION].asCString(), szVersion, jCommitInfo)");
 
     std::string strId = Create(ParseJson(R"({"a":1})"));
     jGet["id"] = strId;
@@ -341,19 +324,15 @@ TEST_F(VersionStoreTest, MissingRepositoryOrVersionIs1008OtherFailures1037) {
     EXPECT_EQ(1037, KOLVVessaErrCodeGet());
     Json::Value jDiff(Json::objectValue);
     jGet["old_version"] = std::string(40, 'b');
-    EXPECT_FALSE(fs.VersionDiff(jGet, jDiff));
-    EXPECT_EQ(1008, KOLVVessaErrCodeGet());
-    EXPECT_EQ("GitDiff(m_jPathInfo[KOLVVES_VERSION].asCString(), m_jParm[\"old_version\"].asCString(), "
-              "m_jParm[\"new_version\"].asCString(), pHash)",
-              OriginMsg());
+    EXPECT_FAILS(fs.VersionDiff(jGet, jDiff), 1008,
+                 "GitDiff(m_jPathInfo[KOLVVES_VERSION].asCString(), m_jParm[\"old_version\"].asCString(), "
+                 "m_jParm[\"new_version\"].asCString(), pHash)");
 
     std::string strVer;
-    EXPECT_FALSE(Set(strId, std::string(40, 'c'), ParseJson(R"({"mtime":5,"text":{"a":2}})"), strVer));
-    EXPECT_EQ(1008, KOLVVessaErrCodeGet());
-    EXPECT_EQ("GitCommit(strRepoDir.c_str(), m_jParm[\"version\"].asCString(), m_jParm[\"mtime\"].asInt64(), "
-              "pAddHash, pDelHash, NULL, strName.c_str(), strMail.c_str(), jCommitMsg.toString().c_str(), "
-              "strNewVer)",
-              OriginMsg());
+    EXPECT_FAILS(Set(strId, std::string(40, 'c'), ParseJson(R"({"mtime":5,"text":{"a":2}})"), strVer), 1008,
+                 "GitCommit(strRepoDir.c_str(), m_jParm[\"version\"].asCString(), m_jParm[\"mtime\"].asInt64(), "
+                 "pAddHash, pDelHash, NULL, strName.c_str(), strMail.c_str(), jCommitMsg.toString().c_str(), "
+                 "strNewVer)");
     EXPECT_FALSE(Set(strId, "zz", ParseJson(R"({"mtime":5,"text":{"a":2}})"), strVer));
     EXPECT_EQ(1037, KOLVVessaErrCodeGet());
     EXPECT_TRUE(ScratchEmpty());

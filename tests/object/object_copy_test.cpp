@@ -8,7 +8,6 @@
 
 namespace {
 
-using kolvtest::OriginMsg;
 using kolvtest::StackText;
 using objtest::J;
 
@@ -17,16 +16,12 @@ class ObjectCopyTest : public objtest::ObjectStoreTest {};
 TEST_F(ObjectCopyTest, AReaderGetsHisOwnCopyUnderHisRoot) {
     std::string strFile = m_sys.Path("/tmp/picture.bin");
     kolvtest::WriteFile(strFile, "binary content");
-    Json::Value jExtra = J("{\"text\":{\"title\":\"orig\"},\"metatext\":{\"tag\":\"x\"},\"acl\":{\"enabled\":true,"
-                           "\"hmx_user\":{\"1102\":{\"perm\":\"ro\"}}}}");
-    jExtra["binary_files"][0]["name"] = "picture.bin";
-    jExtra["binary_files"][0]["format"] = "raw";
-    jExtra["binary_files"][0]["path"] = strFile;
     std::string strThumb = m_sys.Path("/tmp/thumb.png");
     kolvtest::WriteFile(strThumb, "thumbnail");
-    jExtra["metabinary_files"][0]["name"] = "thumb";
-    jExtra["metabinary_files"][0]["format"] = "png";
-    jExtra["metabinary_files"][0]["path"] = strThumb;
+    Json::Value jExtra = J(R"({"text":{"title":"orig"},"metatext":{"tag":"x"},
+        "acl":{"enabled":true,"hmx_user":{"1102":{"perm":"ro"}}},
+        "binary_files":[{"name":"picture.bin","format":"raw","path":")" + strFile + R"("}],
+        "metabinary_files":[{"name":"thumb","format":"png","path":")" + strThumb + R"("}]})");
     std::string strID = Create(kolvtest::kAlice, jExtra);
     ASSERT_FALSE(strID.empty()) << StackText();
     unlink(strThumb.c_str()); // the copy reads the source's own file
@@ -42,11 +37,7 @@ TEST_F(ObjectCopyTest, AReaderGetsHisOwnCopyUnderHisRoot) {
     EXPECT_EQ("x", copy.get_metatext()["tag"].asString());
     EXPECT_EQ("copied", copy.get_commit_msg()["note"].asString());
     EXPECT_TRUE(copy.get_acl().empty()); // the source's grants are not copied
-    std::string strOut;
-    kolvtest::RunCommand("git -c safe.directory='*' -C '" + ObjectDir(copy.get_id()) +
-                             "/version' show HEAD:binary/$(ls '" + ObjectDir(copy.get_id()) + "/version/binary')",
-                         &strOut);
-    EXPECT_EQ("binary content", strOut);
+    EXPECT_EQ("binary content", Git(copy.get_id(), "show HEAD:binary/" + Enc("picture.bin")));
     std::string strMetaPath;
     ASSERT_TRUE(KOLVVessaGetMetaBinaryPath("note", copy.get_id(), "thumb", strMetaPath));
     EXPECT_EQ("thumbnail", kolvtest::ReadFile(strMetaPath));
@@ -63,13 +54,9 @@ TEST_F(ObjectCopyTest, TheOwnersCopyStaysBesideTheSource) {
     std::string strChild = Create(kolvtest::kAlice, jChild);
     ASSERT_FALSE(strChild.empty()) << StackText();
 
-    TRABCSzHash *pHash = TRABCSzHashAlloc(8);
-    TRABCSzHashSetValue(&pHash, "ns", "note");
-    TRABCSzHashSetValue(&pHash, "id", strChild.c_str());
-    TRABCSzHashSetValue(&pHash, "requester", "1101");
+    kolvtest::Hash hash({{"ns", "note"}, {"id", strChild}, {"requester", "1101"}});
     std::string strNewID, strNewVer;
-    ASSERT_TRUE(KOLVVessaObjectCopy(pHash, strNewID, strNewVer)) << StackText();
-    TRABCSzHashFree(pHash);
+    ASSERT_TRUE(KOLVVessaObjectCopy(hash.get(), strNewID, strNewVer)) << StackText();
 
     KOLV_VESSA_OBJECT copy;
     Json::Value jGet = GetParm(strNewID, kolvtest::kAlice);
@@ -79,9 +66,7 @@ TEST_F(ObjectCopyTest, TheOwnersCopyStaysBesideTheSource) {
     EXPECT_EQ(strParent, copy.get_parent_id());
     EXPECT_TRUE(copy.get_acl()["public"]["inherit"].asBool());
 
-    EXPECT_FALSE(KOLVVessaObjectCopy(NULL, strNewID, strNewVer));
-    EXPECT_EQ(1015, KOLVVessaErrCodeGet());
-    EXPECT_EQ("NULL == pParmHash", OriginMsg());
+    EXPECT_FAILS(KOLVVessaObjectCopy(NULL, strNewID, strNewVer), 1015, "NULL == pParmHash");
 }
 
 } // namespace

@@ -8,7 +8,6 @@
 
 namespace {
 
-using kolvtest::OriginMsg;
 using kolvtest::StackText;
 using objtest::J;
 
@@ -31,11 +30,7 @@ TEST_F(ObjectCreateTest, AUserAlwaysCreatesForHimself) {
     EXPECT_EQ(0u, obj.get_id().find("1101_"));
     EXPECT_EQ("owner", obj.get_perm());
     EXPECT_EQ("mine", obj.get_text()["title"].asString());
-    std::string strHead;
-    ASSERT_EQ(
-        0, kolvtest::RunCommand("git -c safe.directory='*' -C '" + ObjectDir(obj.get_id()) + "/version' rev-parse HEAD",
-                                &strHead));
-    EXPECT_EQ(obj.get_version() + "\n", strHead);
+    EXPECT_EQ(obj.get_version() + "\n", Git(obj.get_id(), "rev-parse HEAD"));
 
     std::string strID, strVer;
     ASSERT_TRUE(obj.Create(Parm(kolvtest::kAlice), strID, strVer)) << StackText();
@@ -45,9 +40,7 @@ TEST_F(ObjectCreateTest, AUserAlwaysCreatesForHimself) {
 
 TEST_F(ObjectCreateTest, OwnerAndCallerIdChecks) {
     KOLV_VESSA_OBJECT obj;
-    EXPECT_FALSE(obj.Create(Parm(0)));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jParm.isMember(\"owner\")", OriginMsg());
+    EXPECT_FAILS(obj.Create(Parm(0)), 1007, "!jParm.isMember(\"owner\")");
 
     Json::Value jParm = Parm(0);
     jParm["owner"] = kolvtest::kAlice;
@@ -56,20 +49,15 @@ TEST_F(ObjectCreateTest, OwnerAndCallerIdChecks) {
 
     Json::Value jDup = Parm(kolvtest::kAlice);
     jDup["id"] = obj.get_id();
-    EXPECT_FALSE(obj.Create(jDup));
-    EXPECT_EQ(KOLV_ERR_ID_EXISTS, KOLVVessaErrCodeGet());
-    EXPECT_EQ("KOLVVessaIDIsExist(jParm[\"ns\"].asString(), jParm[\"id\"].asString())", OriginMsg());
+    EXPECT_FAILS(obj.Create(jDup), KOLV_ERR_ID_EXISTS,
+                 "KOLVVessaIDIsExist(jParm[\"ns\"].asString(), jParm[\"id\"].asString())");
 
     jDup["id"] = KOLVVessaObjectGenerateID(kolvtest::kBob);
-    EXPECT_FALSE(obj.Create(jDup));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_EQ("owner != KOLVVessaObjectGetOwnerByID(jParm[\"id\"].asString())", OriginMsg());
+    EXPECT_FAILS(obj.Create(jDup), 1007, "owner != KOLVVessaObjectGetOwnerByID(jParm[\"id\"].asString())");
 
     Json::Value jText = Parm(kolvtest::kAlice);
     jText["text"] = "not an object";
-    EXPECT_FALSE(obj.Create(jText));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jParm[\"text\"].isObject()", OriginMsg());
+    EXPECT_FAILS(obj.Create(jText), 1007, "!jParm[\"text\"].isObject()");
 }
 
 TEST_F(ObjectCreateTest, ParentsOfOthersAreRefusedBeforeTheirPermission) {
@@ -81,9 +69,7 @@ TEST_F(ObjectCreateTest, ParentsOfOthersAreRefusedBeforeTheirPermission) {
     Json::Value jParm = Parm(kolvtest::kBob);
     jParm["parent_id"] = strParent;
     KOLV_VESSA_OBJECT obj;
-    EXPECT_FALSE(obj.Create(jParm));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_EQ("owner != KOLVVessaObjectGetOwnerByID(jParm[\"parent_id\"].asString())", OriginMsg());
+    EXPECT_FAILS(obj.Create(jParm), 1007, "owner != KOLVVessaObjectGetOwnerByID(jParm[\"parent_id\"].asString())");
     std::string strOut;
     kolvtest::RunCommand("ls '" + m_sys.Repo() + "/note' | grep -c ^1102_", &strOut);
     EXPECT_EQ("0\n", strOut);

@@ -45,6 +45,15 @@ class ObjectStoreTest : public kolvtest::SysrootTest {
     }
 
     std::string ObjectDir(const std::string &strID) const { return m_sys.Repo() + "/note/" + strID; }
+    /* git in the object's version repository. */
+    std::string Git(const std::string &strID, const std::string &strArgs) const {
+        return kolvtest::Git(ObjectDir(strID) + "/version", strArgs);
+    }
+    static std::string Enc(const std::string &strName) {
+        std::string str;
+        KOLVVessaEncode(strName, str);
+        return str;
+    }
 };
 
 inline Json::Value J(const std::string &str) {
