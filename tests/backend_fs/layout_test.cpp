@@ -39,7 +39,7 @@ class LayoutTest : public kolvtest::SysrootTest {
     std::unique_ptr<KOLVVESSA_BACKEND_FS> m_fs{new KOLVVESSA_BACKEND_FS()};
 };
 
-TEST_F(LayoutTest, PathInfoOfAnObjectTakesTheOwnerFromTheId) {
+TEST_F(LayoutTest, PathInfoOwnerFromTheIdAndInitChecks) {
     Json::Value jParm = Parm(kNs, kId);
     jParm["owner"] = 4242; // ignored: the id names the owner
     KOLV_VESSA_OBJECT object;
@@ -67,16 +67,14 @@ TEST_F(LayoutTest, PathInfoOfAnObjectTakesTheOwnerFromTheId) {
     ASSERT_TRUE(m_fs->mf_GetPathInfoByGitBase("/scratch", m_fs->m_jPathInfo));
     EXPECT_EQ("/scratch/binary_info", m_fs->m_jPathInfo["version/binary_info"].asString());
     EXPECT_EQ(strBase + "/version", m_fs->m_jPathInfo["version"].asString());
-}
 
-TEST_F(LayoutTest, InitChecksIdOwnerAndRequester) {
     Json::Value jNoId;
     jNoId["ns"] = kNs;
     EXPECT_FAILS(m_fs->mf_init(jNoId), 1015, "!m_jParm.isMember(\"id\")");
     EXPECT_FAILS(m_fs->mf_init(jNoId, true), 1015, "!m_jParm.isMember(\"owner\")");
 
     // A requester makes the owner's existence matter; the system does not.
-    Json::Value jParm = Parm(kNs, "4242_00AA");
+    jParm = Parm(kNs, "4242_00AA");
     ASSERT_TRUE(m_fs->mf_init(jParm)) << kolvtest::StackText();
     jParm["requester"] = kolvtest::kAlice;
     EXPECT_FAILS(m_fs->mf_init(jParm), 1022, "!KOLVVessaCheckUID((uid_t)jParm[\"owner\"].asInt64())");
@@ -228,20 +226,6 @@ TEST_F(LayoutTest, ResetPathPermissionGivesTheWholeTreeToTheOwner) {
     struct stat stTarget;
     ASSERT_EQ(0, stat(strOutside.c_str(), &stTarget));
     EXPECT_EQ(0u, stTarget.st_uid); // a link's target is left alone
-}
-
-TEST_F(LayoutTest, OperationsNotBuiltYetFailLoudly) {
-    std::unique_ptr<KOLVVESSA_BACKEND_OP> pFs(CreateFsBackend());
-    Json::Value jParm = Parm(kNs, kId);
-    std::string strVer;
-    KOLV_VESSA_OBJECT *pHead = NULL;
-    unsigned total = 0;
-    EXPECT_FAILS(pFs->Download(jParm), 1000, "file-store download is not available yet");
-    EXPECT_FAILS(pFs->FieldRename(jParm, strVer), 1000, "file-store field rename is not available yet");
-    EXPECT_FAILS(pFs->Delete(jParm), 1000, "file-store delete is not available yet");
-    EXPECT_GT(0, pFs->List(jParm, &pHead, total));
-    EXPECT_TRUE(kolvtest::ErrIs(1000, "file-store listing is not available yet"));
-    EXPECT_EQ(nullptr, pHead);
 }
 
 } // namespace

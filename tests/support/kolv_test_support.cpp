@@ -25,17 +25,6 @@ std::string Compact(const Json::Value &j) {
     return Json::writeString(builder, j);
 }
 
-Json::Value User(unsigned uid, const char *szName, bool blExpired, Json::Value jGroups) {
-    Json::Value j;
-    j["uid"] = uid;
-    j["name"] = szName;
-    j["gid"] = 100;
-    j["mail"] = std::string(szName) + "@example.com";
-    j["expired"] = blExpired;
-    j["groups"] = jGroups;
-    return j;
-}
-
 } // namespace
 
 Sysroot::Sysroot() {
@@ -58,24 +47,14 @@ Sysroot::~Sysroot() {
 }
 
 Json::Value Sysroot::DefaultPlatformConfig() {
-    Json::Value j;
-    j["shares"]["homes"] = "/volume1/homes";
-    j["user_home"]["local"] = true;
-    j["user_home"]["domain"] = false;
-    j["user_home"]["directory"] = true;
-    Json::Value jUsers(Json::arrayValue);
-    Json::Value jAliceGroups(Json::arrayValue), jBobGroups(Json::arrayValue), jNone(Json::arrayValue);
-    jAliceGroups.append(100);
-    jAliceGroups.append(2001);
-    jBobGroups.append(100);
-    jBobGroups.append(2002);
-    jUsers.append(User(kAlice, "alice", false, jAliceGroups));
-    jUsers.append(User(kBob, "bob", false, jBobGroups));
-    jUsers.append(User(kCarol, "carol", true, jNone));
-    jUsers.append(User(kDave, "DOM\\dave", false, jNone));
-    jUsers.append(User(kEve, "eve@corp", false, jNone));
-    j["users"] = jUsers;
-    return j;
+    return ParseJson(R"({"shares":{"homes":"/volume1/homes"},
+        "user_home":{"local":true,"domain":false,"directory":true},
+        "users":[
+          {"uid":1101,"name":"alice","gid":100,"mail":"alice@example.com","expired":false,"groups":[100,2001]},
+          {"uid":1102,"name":"bob","gid":100,"mail":"bob@example.com","expired":false,"groups":[100,2002]},
+          {"uid":1103,"name":"carol","gid":100,"mail":"carol@example.com","expired":true,"groups":[]},
+          {"uid":1104,"name":"DOM\\dave","gid":100,"mail":"DOM\\dave@example.com","expired":false,"groups":[]},
+          {"uid":1105,"name":"eve@corp","gid":100,"mail":"eve@corp@example.com","expired":false,"groups":[]}]})");
 }
 
 void Sysroot::WritePlatformConfig(const Json::Value &jConfig) const {
