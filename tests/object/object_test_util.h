@@ -24,7 +24,7 @@ class ObjectStoreTest : public kolvtest::SysrootTest {
     }
 
     /* Creates an object of requester in "note" with extra members; returns
-     * the new id ("" on failure). */
+     * the new id ("" and a test failure when it cannot). */
     std::string Create(unsigned requester, const Json::Value &jExtra = Json::Value(Json::objectValue)) {
         Json::Value jParm = jExtra;
         jParm["ns"] = "note";
@@ -32,7 +32,7 @@ class ObjectStoreTest : public kolvtest::SysrootTest {
         if (!jParm.isMember("text")) jParm["text"]["title"] = "memo";
         jParm["requester"] = requester;
         KOLV_VESSA_OBJECT obj;
-        if (!obj.Create(jParm)) return "";
+        if (!obj.Create(jParm)) ADD_FAILURE() << "create failed: " << kolvtest::StackText();
         return obj.get_id();
     }
 
