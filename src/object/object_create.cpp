@@ -3,6 +3,8 @@
  * and inherit its ACL, let the file store write the first version, read
  * the object back and enter it into the index.
  */
+#include <time.h>
+
 #include <memory>
 
 #include "common/kolvvessa_path_internal.h"
@@ -98,7 +100,13 @@ bool PrepareCreateParm(Json::Value &jParm) {
         return false;
     }
     if (KOLVVessaObjectDefaultID(owner) != jParm["parent_id"].asString() && !InheritParent(jParm, owner)) return false;
-    return CheckCreateTypes(jParm);
+    if (!CheckCreateTypes(jParm)) return false;
+    // Without a caller's "ctime" the object was created now: the time of
+    // the request when it gives one, else the clock.
+    if (!jParm.isMember("ctime")) {
+        jParm["ctime"] = jParm["mtime"].isIntegral() ? jParm["mtime"].asInt64() : (Json::Int64)time(NULL);
+    }
+    return true;
 }
 
 } // namespace
