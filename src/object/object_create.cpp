@@ -104,7 +104,8 @@ bool PrepareCreateParm(Json::Value &jParm) {
     // Without a caller's "ctime" the object was created now: the time of
     // the request when it gives one, else the clock.
     if (!jParm.isMember("ctime")) {
-        jParm["ctime"] = jParm["mtime"].isIntegral() ? jParm["mtime"].asInt64() : (Json::Int64)time(NULL);
+        const Json::Value &jMtime = jParm.get("mtime", Json::Value()); // never adds a member
+        jParm["ctime"] = jMtime.isIntegral() ? jMtime.asInt64() : (Json::Int64)time(NULL);
     }
     return true;
 }

@@ -31,8 +31,10 @@ TEST_F(ObjectCreateTest, AUserAlwaysCreatesForHimself) {
     EXPECT_EQ("owner", obj.get_perm());
     EXPECT_EQ("mine", obj.get_text()["title"].asString());
     EXPECT_EQ(obj.get_version() + "\n", Git(obj.get_id(), "rev-parse HEAD"));
-    // No "ctime" given: the object was created now.
+    // Neither "ctime" nor "mtime" given: the object was created and
+    // changed now.
     EXPECT_LE(labs((long)time(NULL) - obj.get_ctime()), 60L);
+    EXPECT_LE(labs((long)time(NULL) - obj.get_mtime()), 60L);
 
     std::string strID, strVer;
     ASSERT_TRUE(obj.Create(Parm(kolvtest::kAlice), strID, strVer)) << StackText();
