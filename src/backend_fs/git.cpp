@@ -15,6 +15,7 @@
 
 #include "backend_fs/kolvvessaBackend_fs.h"
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_git.h"
@@ -74,19 +75,6 @@ class OptionalStrings {
     const Json::Value &m_j;
 };
 const Json::Value OptionalStrings::s_jNull;
-
-/* Runs one version operation; a JSON type error deep inside becomes an
- * ordinary failure instead of leaving the library. */
-template <typename T, typename F> T Guarded(T failValue, F body) {
-    try {
-        return body();
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1000, "unexpected exception: %s", e.what());
-    } catch (...) {
-        KOLV_FAIL_FMT(1000, "unexpected exception");
-    }
-    return failValue;
-}
 
 uid_t RequesterOf(const Json::Value &jParm) {
     const Json::Value &jRequester = jParm["requester"];
@@ -309,14 +297,14 @@ bool KOLVVESSA_BACKEND_FS::mf_DiffVersionGit(Json::Value &jDiff) {
 }
 
 bool KOLVVESSA_BACKEND_FS::VersionGet(const Json::Value &jParm, KOLV_VESSA_OBJECT_VERSION *pVer) {
-    return Guarded(false, [&]() -> bool {
+    return KOLV_NO_THROW(false, [&]() -> bool {
         if (KOLV_APPEND_IF(!mf_init(jParm))) return false;
         return !KOLV_APPEND_IF(!mf_GetVersionGit(pVer));
     });
 }
 
 bool KOLVVESSA_BACKEND_FS::VersionDiff(const Json::Value &jParm, Json::Value &jDiff) {
-    return Guarded(false, [&]() -> bool {
+    return KOLV_NO_THROW(false, [&]() -> bool {
         if (KOLV_APPEND_IF(!mf_init(jParm))) return false;
         return !KOLV_APPEND_IF(!mf_DiffVersionGit(jDiff));
     });
@@ -324,7 +312,7 @@ bool KOLVVESSA_BACKEND_FS::VersionDiff(const Json::Value &jParm, Json::Value &jD
 
 int KOLVVESSA_BACKEND_FS::VersionList(const Json::Value &jParm, KOLV_VESSA_OBJECT_VERSION **ppHead, unsigned int &total,
                                       unsigned int &listableTotal) {
-    return Guarded(-1, [&]() -> int {
+    return KOLV_NO_THROW(-1, [&]() -> int {
         if (KOLV_APPEND_IF(!mf_init(jParm))) return -1;
         KOLV_VESSA_OBJECT_VERSION **addrPHead = ppHead;
         int count = 0;

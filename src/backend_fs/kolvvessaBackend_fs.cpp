@@ -12,24 +12,12 @@
 
 #include "backend_fs/object_lock.h"
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "kolvvessa/kolvvessa_export.h"
 #include "kolvvessa/kolvvessa_object.h"
 
 namespace {
-
-/* Runs one operation; a JSON type error or an allocation failure deep
- * inside becomes an ordinary failure instead of leaving the library. */
-template <typename T, typename F> T GuardOp(T failValue, F body) {
-    try {
-        return body();
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1000, "unexpected exception: %s", e.what());
-    } catch (...) {
-        KOLV_FAIL_FMT(1000, "unexpected exception");
-    }
-    return failValue;
-}
 
 /* The first git_libgit2_init of a process sets up libgit2's TLS backend
  * and certificates, which takes milliseconds, and the last shutdown tears
@@ -58,7 +46,7 @@ KOLVVESSA_BACKEND_OP *CreateFsBackend(void) {
 }
 
 bool KOLVVESSA_BACKEND_FS::Create(const Json::Value &jParm, std::string &strId, std::string &strNewVer) {
-    return GuardOp(false, [&]() -> bool {
+    return KOLV_NO_THROW(false, [&]() -> bool {
         if (KOLV_FAIL_IF(1015, jParm.isMember("version"))) return false;
         if (KOLV_APPEND_IF(!mf_init(jParm, true))) return false;
         if (KOLV_APPEND_IF(!mf_CreatePath())) return false;
@@ -74,7 +62,7 @@ bool KOLVVESSA_BACKEND_FS::Create(const Json::Value &jParm, std::string &strId, 
 }
 
 bool KOLVVESSA_BACKEND_FS::Set(const Json::Value &jParm, std::string &strNewVer) {
-    return GuardOp(false, [&]() -> bool {
+    return KOLV_NO_THROW(false, [&]() -> bool {
         if (KOLV_FAIL_IF(1015, !jParm.isMember("version"))) return false;
         if (KOLV_APPEND_IF(!mf_init(jParm))) return false;
         // A change never brings an object into being.
@@ -88,7 +76,7 @@ bool KOLVVESSA_BACKEND_FS::Set(const Json::Value &jParm, std::string &strNewVer)
 }
 
 bool KOLVVESSA_BACKEND_FS::Get(const Json::Value &jParm, KOLV_VESSA_OBJECT *pObject) {
-    return GuardOp(false, [&]() -> bool {
+    return KOLV_NO_THROW(false, [&]() -> bool {
         if (KOLV_FAIL_IF(1015, NULL == pObject)) return false;
         if (KOLV_APPEND_IF(!mf_init(jParm, false, pObject))) return false;
         // Shared: readers exclude only a writer's save and checkout. An

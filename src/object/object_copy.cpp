@@ -90,7 +90,7 @@ bool PrepareCopyParm(const Json::Value &jParm, Json::Value &jCreateParm) {
 
 bool KOLV_VESSA_OBJECT::Copy(const Json::Value &jParm) {
     if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
-    bool blOk = kolv::ObjectNoThrow(__FILE__, __LINE__, [&]() -> bool {
+    bool blOk = KOLV_NO_THROW(false, [&]() -> bool {
         if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
                                    !jParm["id"].isString() || !jParm.isMember("requester") ||
                                    !jParm["requester"].isIntegral())) {
@@ -130,16 +130,8 @@ class CopyEntry : public KOLV_VESSA_OBJECT {
 };
 
 bool HashToCopyParm(TRABSZHASH *pParmHash, Json::Value &jParm) {
+    if (!kolv::HashToObjectParm(pParmHash, jParm)) return false;
     const char *pParm = NULL;
-    if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "ns")))) return false;
-    jParm["ns"] = pParm;
-    if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "id")))) return false;
-    jParm["id"] = pParm;
-    if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "requester")))) return false;
-    char *endPtr = NULL;
-    unsigned long requester = strtoul(pParm, &endPtr, 10);
-    if (KOLV_FAIL_IF(1007, endPtr && *endPtr)) return false;
-    jParm["requester"] = (Json::UInt64)requester;
     if (NULL != (pParm = TRABCSzHashGetValue(pParmHash, "parent_id"))) jParm["parent_id"] = pParm;
     if (NULL != (pParm = TRABCSzHashGetValue(pParmHash, "commit_msg"))) {
         kolv::KolvJson jMsg;

@@ -62,13 +62,7 @@ bool CheckCreateParm(Json::Value &jParm) {
 bool InheritParent(Json::Value &jParm, uid_t owner) {
     if (KOLV_FAIL_IF(1007, owner != KOLVVessaObjectGetOwnerByID(jParm["parent_id"].asString()))) return false;
     KOLV_VESSA_OBJECT obj;
-    Json::Value jGetParm(Json::objectValue);
-    jGetParm["ns"] = jParm["ns"];
-    jGetParm["id"] = jParm["parent_id"];
-    jGetParm["requester"] = jParm["requester"];
-    jGetParm["field"]["acl"] = true;
-    if (KOLV_APPEND_IF(!obj.Get(jGetParm))) return false;
-    if (KOLV_FAIL_IF(1023, "rw" != obj.get_perm() && "owner" != obj.get_perm())) return false;
+    if (!kolv::GetWritableParent(jParm, obj)) return false;
     Json::Value jAcl = obj.get_acl();
     kolv::AclMarkInherited(jAcl);
     jParm["owner"] = (Json::UInt64)obj.get_owner();
@@ -119,7 +113,7 @@ bool KOLV_VESSA_OBJECT::Create(const Json::Value &jsParm) {
     if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
     std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackendFs(RegisterBackend::New("fs"));
     if (KOLV_FAIL_IF(1010, NULL == pBackendFs)) return false;
-    return kolv::ObjectNoThrow(__FILE__, __LINE__, [&]() -> bool {
+    return KOLV_NO_THROW(false, [&]() -> bool {
         Json::Value jParm(jsParm);
         if (!CheckCreateParm(jParm)) return false;
         if (KOLV_APPEND_IF(!PrepareCreateParm(jParm))) return false;

@@ -60,7 +60,7 @@ bool KOLV_VESSA_OBJECT::Get(const Json::Value &jsParm) {
     if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
     std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackendFs(RegisterBackend::New("fs"));
     if (KOLV_FAIL_IF(1010, NULL == pBackendFs)) return false;
-    bool blOk = kolv::ObjectNoThrow(__FILE__, __LINE__, [&]() -> bool {
+    bool blOk = KOLV_NO_THROW(false, [&]() -> bool {
         Json::Value jParm(jsParm);
         uid_t owner = UID_ERR;
         if (!CheckGetParm(jParm) || !CheckGetAccess(jParm, owner)) return false;
@@ -98,6 +98,17 @@ bool KOLV_VESSA_OBJECT_LIST::GetObject(const Json::Value &jParm) {
 namespace {
 
 bool HashToGetParm(TRABSZHASH *pParmHash, Json::Value &jParm) {
+    if (!kolv::HashToObjectParm(pParmHash, jParm)) return false;
+    const char *pParm = NULL;
+    if (NULL != (pParm = TRABCSzHashGetValue(pParmHash, "version"))) jParm["version"] = pParm;
+    return true;
+}
+
+} // namespace
+
+namespace kolv {
+
+bool HashToObjectParm(TRABSZHASH *pParmHash, Json::Value &jParm) {
     const char *pParm = NULL;
     if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "ns")))) return false;
     jParm["ns"] = pParm;
@@ -108,11 +119,21 @@ bool HashToGetParm(TRABSZHASH *pParmHash, Json::Value &jParm) {
     unsigned long requester = strtoul(pParm, &endPtr, 10);
     if (KOLV_FAIL_IF(1007, endPtr && *endPtr)) return false;
     jParm["requester"] = (Json::UInt64)requester;
-    if (NULL != (pParm = TRABCSzHashGetValue(pParmHash, "version"))) jParm["version"] = pParm;
     return true;
 }
 
-} // namespace
+bool GetWritableParent(const Json::Value &jParm, KOLV_VESSA_OBJECT &obj) {
+    Json::Value jGetParm(Json::objectValue);
+    jGetParm["ns"] = jParm["ns"];
+    jGetParm["id"] = jParm["parent_id"];
+    jGetParm["requester"] = jParm["requester"];
+    jGetParm["field"]["acl"] = true;
+    if (KOLV_APPEND_IF(!obj.Get(jGetParm))) return false;
+    if (KOLV_FAIL_IF(1023, "rw" != obj.get_perm() && "owner" != obj.get_perm())) return false;
+    return true;
+}
+
+} // namespace kolv
 
 bool KOLVVessaObjectGet(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT *pObject) {
     if (KOLV_FAIL_IF(1015, NULL == pParmHash)) return false;

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_ns_hook.h"
 #include "kolvvessa/kolvvessa_object.h"
@@ -42,18 +43,15 @@ struct KOLV_VESSA_OBJECT_IMPL {
 
 namespace kolv {
 
-/* Runs an operation so that no exception leaves the library: a throw
- * (a JSON value of an unexpected type, memory) becomes code 1000. */
-template <typename F> bool ObjectNoThrow(const char *szFile, int line, F fn) {
-    try {
-        return fn();
-    } catch (const std::exception &e) {
-        FailOriginFmt(1000, szFile, line, "unexpected exception: %s", e.what());
-    } catch (...) {
-        FailOriginFmt(1000, szFile, line, "unexpected exception");
-    }
-    return false;
-}
+/* Reads "ns", "id" and a decimal "requester" from a platform string hash
+ * into jParm: the head every plain-function entry shares. 1007 for a
+ * missing key or trailing characters after the requester. */
+bool HashToObjectParm(TRABSZHASH *pParmHash, Json::Value &jParm);
+
+/* Reads jParm["parent_id"] for jParm["requester"] with its ACL into obj;
+ * a new parent must be writable by the requester ("rw" or "owner", else
+ * 1023). */
+bool GetWritableParent(const Json::Value &jParm, KOLV_VESSA_OBJECT &obj);
 
 /* Marks every grant of an ACL as pushed down from an ancestor. */
 void AclMarkInherited(Json::Value &jAcl);

@@ -100,11 +100,11 @@ bool FromJson(KOLV_VESSA_OBJECT_IMPL &impl, const Json::Value &jVal) {
 
 bool KOLV_VESSA_OBJECT::toJson(const Json::Value &jSelection, Json::Value &jRet, bool blForceAcl) const {
     if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
-    return kolv::ObjectNoThrow(__FILE__, __LINE__, [&] { return ToJson(*m_impl, jSelection, jRet, blForceAcl); });
+    return KOLV_NO_THROW(false, [&] { return ToJson(*m_impl, jSelection, jRet, blForceAcl); });
 }
 
 bool KOLV_VESSA_OBJECT::fromJson(const Json::Value &jVal) {
     if (KOLV_ARG_FAILS(jVal.isObject())) return false;
     if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
-    return kolv::ObjectNoThrow(__FILE__, __LINE__, [&] { return FromJson(*m_impl, jVal); });
+    return KOLV_NO_THROW(false, [&] { return FromJson(*m_impl, jVal); });
 }

@@ -44,7 +44,7 @@ bool KOLV_VESSA_OBJECT::Set(const Json::Value &jsParm) {
     if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
     std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackendFs(RegisterBackend::New("fs"));
     if (KOLV_FAIL_IF(1010, NULL == pBackendFs)) return false;
-    return kolv::ObjectNoThrow(__FILE__, __LINE__, [&]() -> bool {
+    return KOLV_NO_THROW(false, [&]() -> bool {
         Json::Value jParm(jsParm);
         if (!CheckSetAccess(jParm)) return false;
         KOLV_VESSA_OBJECT tmpOldObj;

@@ -71,13 +71,7 @@ bool PrepareMove(Json::Value &jParm, const Json::Value &jAcl) {
     Json::Value jParentAcl(Json::objectValue);
     if (KOLVVessaObjectDefaultID(owner) != jParm["parent_id"].asString()) {
         KOLV_VESSA_OBJECT obj;
-        Json::Value jGetParm(Json::objectValue);
-        jGetParm["ns"] = jParm["ns"];
-        jGetParm["id"] = jParm["parent_id"];
-        jGetParm["requester"] = jParm["requester"];
-        jGetParm["field"]["acl"] = true;
-        if (KOLV_APPEND_IF(!obj.Get(jGetParm))) return false;
-        if (KOLV_FAIL_IF(1023, "rw" != obj.get_perm() && "owner" != obj.get_perm())) return false;
+        if (!kolv::GetWritableParent(jParm, obj)) return false;
         jParentAcl = obj.get_acl();
     }
     Json::Value jNewAcl = MovedAcl(jAcl, jParentAcl);
