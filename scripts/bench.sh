@@ -11,7 +11,7 @@ need_packages
 
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
-cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKOLV_BUILD_TESTS=OFF -DKOLV_BUILD_BENCH=ON "${launcher[@]}" >/dev/null
+cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKOLV_BUILD_TESTS=ON -DKOLV_BUILD_BENCH=ON "${launcher[@]}" >/dev/null
 cmake --build build-bench -j "$(nproc)" --target bench_versions bench_index >/dev/null
 
 pg_dir=""
