@@ -6,12 +6,13 @@
 
 #include "backend_pgsql/kolvvessa_backend_pgsql.h"
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_raii.h"
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_index.h"
 
 bool KOLVVESSA_BACKEND_PGSQL::Delete(const Json::Value &jParm) {
-    try {
+    return KOLV_NO_THROW_AS(false, 1007, "index delete rejected", [&]() -> bool {
         if (KOLV_APPEND_IF(!init())) return false;
         if (KOLV_FAIL_IF(1007, !jParm["ns"].isString())) return false;
         kolv::CString szSQLDelete(KOLVDBEscapeStringEX3(
@@ -22,17 +23,14 @@ bool KOLVVESSA_BACKEND_PGSQL::Delete(const Json::Value &jParm) {
         // Ids without a row are no error.
         if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(m_conn, strSQL.c_str(), NULL)))) return false;
         return true;
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1007, "index delete rejected: %s", e.what());
-        return false;
-    }
+    });
 }
 
 // The index has no object store of its own: "creating" indexes the object
 // that jParm["id"] names in jParm["ns"], read as jParm["requester"] (0 when
 // absent), and hands the id back. The version stays as the caller has it.
 bool KOLVVESSA_BACKEND_PGSQL::Create(const Json::Value &jParm, std::string &strId, std::string &) {
-    try {
+    return KOLV_NO_THROW_AS(false, 1007, "index create rejected", [&]() -> bool {
         if (KOLV_FAIL_IF(1007, !jParm["id"].isString() || !jParm["ns"].isString())) return false;
         if (KOLV_FAIL_IF(1007, jParm.isMember("requester") && !jParm["requester"].isIntegral())) return false;
         uid_t requester = jParm.isMember("requester") ? (uid_t)jParm["requester"].asLargestInt() : UID_ROOT;
@@ -40,8 +38,5 @@ bool KOLVVESSA_BACKEND_PGSQL::Create(const Json::Value &jParm, std::string &strI
             return false;
         strId = jParm["id"].asString();
         return true;
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1007, "index create rejected: %s", e.what());
-        return false;
-    }
+    });
 }

@@ -14,6 +14,7 @@
 
 #include "backend_pgsql/kolvvessa_backend_pgsql.h"
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
 #include "kolvvessa/kolvvessa_common.h"
@@ -435,12 +436,10 @@ int KOLVVESSA_BACKEND_PGSQL::List(const Json::Value &jParm, KOLV_VESSA_OBJECT **
     if (KOLV_FAIL_IF(1015, NULL == ppHead)) return -1;
     *ppHead = NULL;
     total = 0;
-    try {
+    // A member of the wrong type (asUInt of a text and the like) is the
+    // caller's error.
+    return KOLV_NO_THROW_AS(-1, 1007, "list request rejected", [&]() -> int {
         if (KOLV_APPEND_IF(!init())) return -1;
         return ListChecked(this, jParm, ppHead, total);
-    } catch (const std::exception &e) {
-        // A member of the wrong type (asUInt of a text and the like).
-        KOLV_FAIL_FMT(1007, "list request rejected: %s", e.what());
-        return -1;
-    }
+    });
 }

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
 #include "kolvvessa/kolvvessa_common.h"
@@ -131,15 +132,13 @@ bool KOLVVessaJsonDiff(const Json::Value &jData1, const Json::Value &jData2, Jso
 
 bool KOLVVessaJsonToFile(const Json::Value &value, const std::string &strPath) {
     if (KOLV_FAIL_IF(1015, strPath.empty())) return false;
-    try {
+    // What can throw here is memory for the serialised text.
+    return KOLV_NO_THROW_AS(false, 1014, "write aborted", [&]() -> bool {
         kolv::Fd lock;
         if (!OpenAndLock(strPath, lock)) return false;
         FlockRelease release(lock.get());
         return WriteAndRename(value, strPath + ".tmp", strPath);
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1014, "%s", e.what());
-        return false;
-    }
+    });
 }
 
 namespace kolv {

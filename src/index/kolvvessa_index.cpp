@@ -13,6 +13,7 @@
 #include <string>
 
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_path_internal.h"
 #include "common/kolvvessa_raii.h"
@@ -219,7 +220,7 @@ static bool KOLVVessaIndex(KOLVDB *pConn, const Json::Value &jParam) {
 }
 
 bool KOLVVessaReindex(const Json::Value &jParam) {
-    try {
+    return KOLV_NO_THROW_AS(false, 1000, "reindex aborted", [&]() -> bool {
         // The namespace becomes a directory name: refuse one that would
         // leave the repository before anything is deleted.
         if (KOLV_FAIL_IF(1007, jParam.isMember("ns") &&
@@ -236,8 +237,5 @@ bool KOLVVessaReindex(const Json::Value &jParam) {
         }
         KOLVVessaCloseConn();
         return blRet;
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1000, "reindex aborted: %s", e.what());
-        return false;
-    }
+    });
 }

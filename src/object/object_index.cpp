@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
 #include "kolvvessa/kolvvessa_common.h"
@@ -100,17 +101,14 @@ bool ReadForIndex(const char *szID, const char *szNs, uid_t uid, KOLV_VESSA_OBJE
 } // namespace
 
 bool KOLVVessaObjectIndexEx(KOLVDB *pConn, const char *szID, const char *szNs, uid_t requester) {
-    try {
+    return KOLV_NO_THROW_AS(false, 1000, "index aborted", [&]() -> bool {
         KOLV_VESSA_OBJECT Object;
         if (!ReadForIndex(szID, szNs, requester, Object)) return false;
         kolv::CString szSQLUpsert(FormatUpsert(pConn, IndexRow(Object)));
         if (KOLV_FAIL_IF(1000, (NULL == szSQLUpsert))) return false;
         if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(pConn, szSQLUpsert.get(), NULL)))) return false;
         return true;
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1000, "index of [%s] aborted: %s", szID ? szID : "", e.what());
-        return false;
-    }
+    });
 }
 
 bool KOLVVessaObjectIndex(const char *szID, const char *szNs, uid_t requester) {
@@ -123,7 +121,7 @@ bool KOLVVessaObjectIndex(const char *szID, const char *szNs, uid_t requester) {
 }
 
 bool KOLVVessaObjectCreateIndexValue(const char *szID, const char *szNs, uid_t owner, std::string &strOut) {
-    try {
+    return KOLV_NO_THROW_AS(false, 1000, "index value aborted", [&]() -> bool {
         KOLV_VESSA_OBJECT Object;
         if (!ReadForIndex(szID, szNs, owner, Object)) return false;
         // The tuple is escaped for standard-conforming strings, the
@@ -132,15 +130,13 @@ bool KOLVVessaObjectCreateIndexValue(const char *szID, const char *szNs, uid_t o
         if (KOLV_APPEND_IF(!szSQLUpsert)) return false;
         strOut.assign(szSQLUpsert.get());
         return true;
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1000, "index value of [%s] aborted: %s", szID ? szID : "", e.what());
-        return false;
-    }
+    });
 }
 
 std::string KOLVVessaObjectEscapeStringArray(const Json::Value &jsArray) {
     std::string strOut = "(";
-    try {
+    // asString of an object or array element throws; the list stays short.
+    KOLV_NO_THROW_AS(false, 1000, "escape of a list element aborted", [&]() -> bool {
         if (jsArray.isString()) {
             kolv::CString szSQL(KOLVDBEscapeStringEX3(1, NULL, "'@KOLV:VAR'", jsArray.asCString()));
             if (!KOLV_APPEND_IF(!szSQL)) strOut += szSQL.get();
@@ -154,17 +150,15 @@ std::string KOLVVessaObjectEscapeStringArray(const Json::Value &jsArray) {
                 if (i + 1 < jsArray.size()) strOut += ",";
             }
         }
-    } catch (const std::exception &e) {
-        // asString of an object or array element
-        KOLV_FAIL_FMT(1000, "escape of a list element aborted: %s", e.what());
-    }
+        return true;
+    });
     strOut += ")";
     return strOut;
 }
 
 bool KOLVVessaObjectBatchIndexEx(KOLV_VESSA_OBJECT *pList, KOLVDB *pConn) {
     if (KOLV_APPEND_IF(NULL == pConn)) return false;
-    try {
+    return KOLV_NO_THROW_AS(false, 1000, "batch index aborted", [&]() -> bool {
         std::string strValues = szSQLBatchInsertPrefix;
         Json::Value jIds(Json::arrayValue);
         for (KOLV_VESSA_OBJECT *pObject = pList; pObject; pObject = pObject->m_next) {
@@ -180,10 +174,7 @@ bool KOLVVessaObjectBatchIndexEx(KOLV_VESSA_OBJECT *pList, KOLVDB *pConn) {
         std::string strSQL = szSQLBatchDeletePrefix + KOLVVessaObjectEscapeStringArray(jIds) + "; " + strValues;
         if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(pConn, strSQL.c_str(), NULL)))) return false;
         return true;
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1000, "batch index aborted: %s", e.what());
-        return false;
-    }
+    });
 }
 
 bool KOLVVessaObjectBatchIndex(KOLV_VESSA_OBJECT *pList) {

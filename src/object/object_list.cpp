@@ -8,6 +8,7 @@
 #include <string>
 
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "kolvvessa/kolvvessa_backend.h"
 #include "kolvvessa/kolvvessa_error.h"
@@ -90,12 +91,7 @@ int KOLVVessaObjectList(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, un
     if (KOLV_FAIL_IF(1015, NULL == ppHead)) return -1;
     *ppHead = NULL;
     total = 0;
-    try {
-        return ListChecked(jParm, ppHead, total);
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1007, "list request rejected: %s", e.what());
-        return -1;
-    }
+    return KOLV_NO_THROW_AS(-1, 1007, "list request rejected", [&]() -> int { return ListChecked(jParm, ppHead, total); });
 }
 
 int KOLVVessaObjectList(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT **ppHead, unsigned int &total) {

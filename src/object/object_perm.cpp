@@ -9,6 +9,7 @@
 #include <string>
 
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_raii.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_perm.h"
@@ -155,10 +156,6 @@ BOOL perm_calculate(unsigned int Requester, unsigned int owner, const Json::Valu
 
 BOOL KOLVVessaObjectPermCalculate(unsigned int requester, unsigned int owner, const Json::Value &acl,
                                   std::string &strPerm) {
-    try {
-        return perm_calculate(requester, owner, acl, strPerm);
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1016, "permission calculation: %s", e.what());
-        return FALSE;
-    }
+    return KOLV_NO_THROW_AS(FALSE, 1016, "permission calculation",
+                            [&]() -> BOOL { return perm_calculate(requester, owner, acl, strPerm); });
 }

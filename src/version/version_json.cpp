@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_nothrow.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_version.h"
 #include "version/version_internal.h"
@@ -38,11 +39,8 @@ void ToJson(const KOLV_VESSA_OBJECT_VERSION_IMPL &impl, const Json::Value &jFiel
 bool KOLV_VESSA_OBJECT_VERSION::toJson(const Json::Value &jFields, Json::Value &jRet) const {
     if (KOLV_FAIL_IF(1015, !jRet.isObject())) return false;
     if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
-    try {
+    return KOLV_NO_THROW(false, [&]() -> bool {
         ToJson(*m_impl, jFields, jRet);
-    } catch (const std::exception &e) {
-        KOLV_FAIL_FMT(1000, "unexpected exception: %s", e.what());
-        return false;
-    }
-    return true;
+        return true;
+    });
 }
