@@ -6,6 +6,7 @@
 
 #include <git2.h>
 #include <kolvplatform/kolv_platform.h>
+#include <dirent.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -38,6 +39,25 @@ using GitIndex = Owned<git_index, git_index_free>;
 using SzHash = Owned<TRABCSzHash, TRABCSzHashFree>;
 using SzList = Owned<TRABCSzList, TRABCSzListFree>;
 using DBResult = Owned<KOLVDBRESULT, KOLVDBFreeResult>;
+/* A user record of KOLVUserGet / KOLVUserGetByUID. */
+using User = Owned<KOLVUSER, KOLVUserFree>;
+
+/* A platform string list that the calls which grow it may move: pass
+ * addr() where a TRABCSzList ** is asked for; freed on scope exit. */
+class SzListRef {
+  public:
+    explicit SzListRef(TRABCSzList *p = NULL) : m_p(p) {}
+    ~SzListRef() {
+        if (m_p) TRABCSzListFree(m_p);
+    }
+    SzListRef(const SzListRef &) = delete;
+    SzListRef &operator=(const SzListRef &) = delete;
+    TRABCSzList *get() const { return m_p; }
+    TRABCSzList **addr() { return &m_p; }
+
+  private:
+    TRABCSzList *m_p;
+};
 
 inline void FreeChars(char *p) { free(p); }
 /* A malloc'ed text, as KOLVDBEscapeStringEX3 returns. */
@@ -50,6 +70,14 @@ struct FileCloser {
 };
 using File = std::unique_ptr<FILE, FileCloser>;
 
+struct DirCloser {
+    void operator()(DIR *p) const {
+        if (p) closedir(p);
+    }
+};
+/* A directory stream (its descriptor is closed with it). */
+using Dir = std::unique_ptr<DIR, DirCloser>;
+
 /* A file descriptor closed on scope exit. */
 class Fd {
   public:
@@ -58,6 +86,12 @@ class Fd {
     Fd(const Fd &) = delete;
     Fd &operator=(const Fd &) = delete;
     int get() const { return m_fd; }
+    /* Gives the descriptor up to the caller. */
+    int release() {
+        int fd = m_fd;
+        m_fd = -1;
+        return fd;
+    }
     void reset(int fd = -1) {
         if (m_fd >= 0) close(m_fd);
         m_fd = fd;

@@ -63,6 +63,16 @@ bool KOLVVessaGetRepoPath(std::string &strPath) {
     return true;
 }
 
+namespace kolv {
+namespace fs {
+
+std::string TrustedRoot() {
+    return g_blRepoCached.load(std::memory_order_acquire) ? g_strRepo : std::string();
+}
+
+} // namespace fs
+} // namespace kolv
+
 bool KOLVVessaIDIsExist(const std::string &strNs, const std::string &strID) {
     if (KOLV_FAIL_IF(1007, !kolv::IsSafePathName(strNs))) return false;
     if (KOLV_FAIL_IF(1007, !kolv::IsSafePathName(strID))) return false;

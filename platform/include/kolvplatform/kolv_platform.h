@@ -50,6 +50,18 @@ KOLV_PLATFORM_API const char *TRABCErrorGetFile(void);
 /* The line of the last recorded platform error. */
 KOLV_PLATFORM_API int TRABCErrorGetLine(void);
 
+/* ---- fault points (tests) ------------------------------------------ */
+
+/* Arms the fault point: the nth KOLVFaultCheck from now (1: the next one)
+ * reports a failure, once; 0 disarms. Thread-safe. */
+KOLV_PLATFORM_API void KOLVFaultArm(long n);
+/* TRUE, with errno EIO and a syslog line naming szSite, when this is the
+ * armed call; FALSE otherwise. Every file, process and database operation
+ * asks before it acts. */
+KOLV_PLATFORM_API BOOL KOLVFaultCheck(const char *szSite);
+/* TRUE when the armed failure was reported since the last KOLVFaultArm. */
+KOLV_PLATFORM_API BOOL KOLVFaultFired(void);
+
 /* ---- relocation of appliance paths ---------------------------------- */
 
 /* Writes $KOLV_SYSROOT + szPath into szBuf (szPath itself when the
