@@ -185,6 +185,66 @@ int GitGetCommitInfo(const char *szRepo, const char *szVersion, Json::Value &jIn
     return 0;
 }
 
+namespace kolv {
+namespace git {
+
+namespace {
+
+/* Every blob of the folder strDir of pTree into files. */
+int ReadFolder(git_repository *pRepo, git_tree *pTree, const std::string &strDir,
+               std::map<std::string, std::string> &files) {
+    const git_tree_entry *pEntry = git_tree_entry_byname(pTree, strDir.c_str());
+    if (NULL == pEntry || GIT_OBJECT_TREE != git_tree_entry_type(pEntry)) return 0;
+    git_tree *pRawSub = NULL;
+    int ret = git_tree_lookup(&pRawSub, pRepo, git_tree_entry_id(pEntry));
+    GitTree pSub(pRawSub);
+    if (0 > ret) {
+        syslog(LOG_ERR, "%s:%d fail to git_tree_lookup (%s)", __FILE__, __LINE__, ErrText());
+        return ret;
+    }
+    for (size_t i = 0; i < git_tree_entrycount(pSub.get()); ++i) {
+        const git_tree_entry *pFile = git_tree_entry_byindex(pSub.get(), i);
+        if (GIT_OBJECT_BLOB != git_tree_entry_type(pFile)) continue;
+        git_blob *pRawBlob = NULL;
+        if (0 > (ret = git_blob_lookup(&pRawBlob, pRepo, git_tree_entry_id(pFile)))) {
+            syslog(LOG_ERR, "%s:%d fail to git_blob_lookup (%s)", __FILE__, __LINE__, ErrText());
+            return ret;
+        }
+        GitBlob pBlob(pRawBlob);
+        const char *p = static_cast<const char *>(git_blob_rawcontent(pBlob.get()));
+        files[strDir + "/" + git_tree_entry_name(pFile)].assign(p, static_cast<size_t>(git_blob_rawsize(pBlob.get())));
+    }
+    return 0;
+}
+
+} // namespace
+
+int ReadVersion(const char *szRepo, const char *szVersion, const std::vector<std::string> &dirs,
+                std::map<std::string, std::string> &files, Json::Value &jInfo) {
+    LibScope lib;
+    GitRepository pRepo;
+    GitCommit pCommit;
+    int ret = OpenRepository(szRepo, pRepo);
+    if (0 <= ret) ret = LookupVersion(pRepo.get(), szVersion, pCommit);
+    if (0 > ret) return ret;
+    git_tree *pRawTree = NULL;
+    ret = git_commit_tree(&pRawTree, pCommit.get());
+    GitTree pTree(pRawTree);
+    if (0 > ret) {
+        syslog(LOG_ERR, "%s:%d fail to git_commit_tree (%s)", __FILE__, __LINE__, ErrText());
+        return ret;
+    }
+    files.clear();
+    for (const std::string &strDir : dirs) {
+        if (0 > (ret = ReadFolder(pRepo.get(), pTree.get(), strDir, files))) return ret;
+    }
+    CommitInfo(pCommit.get(), jInfo);
+    return 0;
+}
+
+} // namespace git
+} // namespace kolv
+
 int GitDiff(const char *szRepo, const char *szOldVer, const char *szNewVer, TRABCSzHash *pHash) {
     if (NULL == szRepo || NULL == szOldVer || NULL == pHash) {
         syslog(LOG_ERR, "%s:%d bad parameter", __FILE__, __LINE__);

@@ -15,7 +15,9 @@
 #include <json/json.h>
 #include <kolvplatform/kolv_platform.h>
 
+#include <map>
 #include <string>
+#include <vector>
 
 #include "common/kolvvessa_raii.h"
 
@@ -53,6 +55,14 @@ int FindLatest(git_repository *pRepo, git_oid *pOid, std::string *pStrBranch);
 
 /* Fills jInfo with {"version","auther","email","mtime","msg","parent"}. */
 void CommitInfo(const git_commit *pCommit, Json::Value &jInfo);
+
+/* One version's files, read from the repository's objects and never from
+ * the work tree (which its owner can change and a crash can leave half
+ * written): for every folder of dirs that the version's tree has, each
+ * file as files["DIR/NAME"] = its content. szVersion NULL is the latest.
+ * jInfo receives the commit information. */
+int ReadVersion(const char *szRepo, const char *szVersion, const std::vector<std::string> &dirs,
+                std::map<std::string, std::string> &files, Json::Value &jInfo);
 
 /* Checkout options of the layer: force, and remove untracked files. */
 git_checkout_options CheckoutOptions();

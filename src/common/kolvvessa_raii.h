@@ -35,6 +35,7 @@ using GitSignature = Owned<git_signature, git_signature_free>;
 using GitBranchIterator = Owned<git_branch_iterator, git_branch_iterator_free>;
 using GitObject = Owned<git_object, git_object_free>;
 using GitIndex = Owned<git_index, git_index_free>;
+using GitBlob = Owned<git_blob, git_blob_free>;
 
 using SzHash = Owned<TRABCSzHash, TRABCSzHashFree>;
 using SzList = Owned<TRABCSzList, TRABCSzListFree>;
