@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <exception>
 #include <iostream>
 #include <iterator>
 #include <sstream>
@@ -24,7 +25,8 @@ void PrintUsage(FILE *pOut) {
                   "       kolvvessa VERB --help\n\n"
                   "The request is a JSON object, given as the argument or on standard input.\n"
                   "\"requester\" is the acting uid (0: the system). Verbs:\n\n");
-    for (const kolvtool::Verb &verb : kolvtool::Verbs()) fprintf(pOut, "  %-16s %s\n", verb.szName, verb.szSummary);
+    for (const kolvtool::Verb &verb : kolvtool::Verbs())
+        fprintf(pOut, "  %-16s %s\n", verb.szName, verb.szSummary);
     fprintf(pOut, "\nThe appliance paths (settings, platform config, repository volume) are taken\n"
                   "below $KOLV_SYSROOT when it is set.\n");
 }
@@ -48,11 +50,33 @@ bool ReadRequest(int argc, char **argv, Json::Value &jReq) {
     Json::CharReaderBuilder builder;
     std::string strErr;
     std::istringstream iss(strText);
-    if (!Json::parseFromStream(builder, iss, &jReq, &strErr) || !jReq.isObject()) {
-        fprintf(stderr, "kolvvessa: the request must be a JSON object: %s\n", strErr.c_str());
+    bool blParsed = false;
+    // The reader throws instead of answering false past its nesting
+    // limit; either way the request is refused, never the tool aborted.
+    try {
+        blParsed = Json::parseFromStream(builder, iss, &jReq, &strErr);
+    } catch (const std::exception &e) {
+        strErr = e.what();
+    }
+    if (!blParsed || !jReq.isObject()) {
+        fprintf(stderr, "kolvvessa: the request must be a JSON object: %s\n",
+                strErr.empty() ? "it is not an object" : strErr.c_str());
         return false;
     }
     return true;
+}
+
+// Runs the verb and prints its result; 1 with the reason on failure.
+int RunVerb(const kolvtool::Verb &verb, const Json::Value &jReq) {
+    Json::Value jOut;
+    if (!verb.pfnRun(jReq, jOut)) {
+        KOLVVessaErrPrint(stderr);
+        return 1;
+    }
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    std::cout << Json::writeString(builder, jOut) << std::endl;
+    return 0;
 }
 
 } // namespace
@@ -74,14 +98,10 @@ int main(int argc, char **argv) {
     }
     Json::Value jReq;
     if (!ReadRequest(argc, argv, jReq)) return 2;
-
-    Json::Value jOut;
-    if (!pVerb->pfnRun(jReq, jOut)) {
-        KOLVVessaErrPrint(stderr);
-        return 1;
+    try {
+        return RunVerb(*pVerb, jReq);
+    } catch (const std::exception &e) {
+        fprintf(stderr, "kolvvessa: %s failed: %s\n", pVerb->szName, e.what());
     }
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    std::cout << Json::writeString(builder, jOut) << std::endl;
-    return 0;
+    return 1;
 }

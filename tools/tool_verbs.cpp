@@ -6,6 +6,7 @@
 
 #include <string.h>
 
+#include "common/kolvvessa_raii.h"
 
 namespace kolvtool {
 
@@ -60,7 +61,8 @@ bool RunList(const Json::Value &jReq, Json::Value &jOut) {
     jOut["count"] = count;
     jOut["total"] = total;
     jOut["objects"] = Json::Value(Json::arrayValue);
-    for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next) jOut["objects"].append(ObjectJson(*p));
+    for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next)
+        jOut["objects"].append(ObjectJson(*p));
     return true;
 }
 
@@ -76,12 +78,17 @@ const char *NsOf(const Json::Value &jReq) {
 }
 
 // A request the tool itself refuses: code 1007 with the failed test.
-#define TOOL_REQUIRE(cond)                                                                                            \
+#define TOOL_REQUIRE(cond)                                                                                             \
     ((cond) ? true : (KOLVVessaErrSetEx(1007, "tools/tool_verbs", __LINE__, "%s", "!(" #cond ")"), false))
 
-bool RequireOwner(const Json::Value &jReq) { return TOOL_REQUIRE(jReq["owner"].isIntegral()); }
+// A uid is an unsigned 32-bit integer, never written as a double.
+bool RequireOwner(const Json::Value &jReq) {
+    return TOOL_REQUIRE(jReq["owner"].isUInt() && Json::realValue != jReq["owner"].type());
+}
 
-bool RequireEnable(const Json::Value &jReq) { return TOOL_REQUIRE(jReq["enable"].isIntegral()); }
+bool RequireEnable(const Json::Value &jReq) {
+    return TOOL_REQUIRE(jReq["enable"].isInt());
+}
 
 bool RunAccessGet(const Json::Value &jReq, Json::Value &jOut) {
     jOut["enabled"] = TRUE == KOLVVessaSettingsAccessGet(NsOf(jReq));
@@ -108,8 +115,7 @@ bool RunSharingGet(const Json::Value &jReq, Json::Value &jOut) {
 }
 
 bool RunSharingCheck(const Json::Value &jReq, Json::Value &jOut) {
-    if (!RequireOwner(jReq) || FALSE == KOLVVessaSharingCheck(NsOf(jReq), (uid_t)jReq["owner"].asUInt()))
-        return false;
+    if (!RequireOwner(jReq) || FALSE == KOLVVessaSharingCheck(NsOf(jReq), (uid_t)jReq["owner"].asUInt())) return false;
     jOut["sharing"] = true;
     return true;
 }
@@ -122,17 +128,12 @@ bool RunSharingSet(const Json::Value &jReq, Json::Value &jOut) {
     return true;
 }
 
-// The list may be reallocated by the call, so it is held by pointer.
-struct ListHolder {
-    TRABCSzList *p;
-    ~ListHolder() { TRABCSzListFree(p); }
-};
-
 bool RunNoSharingList(const Json::Value &jReq, Json::Value &jOut) {
-    ListHolder list{TRABCSzListAlloc(BUFSIZ)};
-    if (0 > KOLVVessaSettingsNoSharingUserList(NsOf(jReq), &list.p)) return false;
+    kolv::SzListRef list(TRABCSzListAlloc(BUFSIZ));
+    if (0 > KOLVVessaSettingsNoSharingUserList(NsOf(jReq), list.addr())) return false;
     jOut["owners"] = Json::Value(Json::arrayValue);
-    for (int i = 0; i < TRABCSzListCount(list.p); ++i) jOut["owners"].append(TRABCSzListGet(list.p, i));
+    for (int i = 0; i < TRABCSzListCount(list.get()); ++i)
+        jOut["owners"].append(TRABCSzListGet(list.get(), i));
     return true;
 }
 
@@ -161,8 +162,8 @@ const std::vector<Verb> gVerbs = {
      "{\"owner\" (user name), \"owner_uid\", \"parent_id\", \"category\", \"text\", \"metatext\", \"binary\",\n"
      "\"metabinary\"}, \"field\" (JSON columns to read), \"offset\" (default 0), \"limit\" (default -1: all).",
      "{\"ns\":\"note\",\"requester\":1102,\"field\":{\"text\":true}}", RunList},
-    {"reindex", "rebuild the index from the repository",
-     "Keys: \"ns\" (optional: only that namespace).", "{\"ns\":\"note\"}", RunReindex},
+    {"reindex", "rebuild the index from the repository", "Keys: \"ns\" (optional: only that namespace).",
+     "{\"ns\":\"note\"}", RunReindex},
     {"access-get", "whether the store (no \"ns\") or a namespace is switched on",
      "Keys: \"ns\" (optional). Prints {\"enabled\": bool} and, when off, the reason.", "{\"ns\":\"note\"}",
      RunAccessGet},
@@ -180,13 +181,15 @@ const std::vector<Verb> gVerbs = {
     {"sharing-set", "let an owner share (1) or withdraw sharing (anything else)",
      "Keys: \"owner\" (uid), \"enable\", \"ns\" (optional: only that namespace).",
      "{\"ns\":\"note\",\"owner\":1101,\"enable\":0}", RunSharingSet},
-    {"no-sharing-list", "owners whose objects others may not see in a namespace",
-     "Keys: \"ns\" (required).", "{\"ns\":\"note\"}", RunNoSharingList},
+    {"no-sharing-list", "owners whose objects others may not see in a namespace", "Keys: \"ns\" (required).",
+     "{\"ns\":\"note\"}", RunNoSharingList},
 };
 
 } // namespace
 
-const std::vector<Verb> &Verbs() { return gVerbs; }
+const std::vector<Verb> &Verbs() {
+    return gVerbs;
+}
 
 const Verb *FindVerb(const char *szName) {
     for (const Verb &verb : gVerbs) {

@@ -5,6 +5,15 @@
  * Operations take a parameter record (a JSON object; "requester" is the
  * acting uid, 0 for the system) and return bool or a count, negative on
  * failure, leaving the reason on the error stack (kolvvessa_error.h).
+ *
+ * Every operation refuses with 1007, before it reads or writes anything:
+ * a "requester" that is not a JSON integer from 0 to 4294967294 ("1101",
+ * 1101.0, -1 and 4294967296 are none; in the string-hash entries a text
+ * that is not a plain decimal number, "" included); a record nested more
+ * than KOLVVESSA_REQUEST_DEPTH_MAX levels deep; a NUL character in any
+ * member name or string value at any depth; an "ns" that is empty, ".",
+ * "..", starts with "@" or ".", is "*" (listing only, requester 0) or
+ * holds a "/". No exception leaves an operation.
  */
 #ifndef KOLVVESSA_OBJECT_H
 #define KOLVVESSA_OBJECT_H
@@ -17,6 +26,10 @@
 #include <string>
 
 #include "kolvvessa_export.h"
+
+/* The deepest nesting of objects and arrays a request may have; the
+ * request itself is level 1, so {"text":{"a":{}}} is 3 levels deep. */
+#define KOLVVESSA_REQUEST_DEPTH_MAX 100
 
 struct KOLV_VESSA_OBJECT_IMPL;
 
@@ -84,16 +97,49 @@ class KOLV_EXPORT KOLV_VESSA_OBJECT {
      * "id", "requester", "version"?, "field"?}). On failure the object is
      * cleared. Codes 1007, 1010 and those of the checks it appends to. */
     bool Get(const Json::Value &jParm);
-    /* Creates an object and leaves it, as read back, in this object. */
+    /* Creates an object and leaves it, as read back, in this object
+     * ({"ns", "category", "requester", "owner" (requester 0 only; any other
+     * requester owns what he creates), "id"?, "parent_id"?, "acl"? (an
+     * object), "ctime"? (an integer), "commit_msg"?, "text"?, "metatext"?,
+     * "binary_files"?, "metabinary_files"?}). Returns true, or false with:
+     *   1007 a malformed record (the failed condition as text);
+     *   1010 no file backend;
+     *   1023 no "rw" on the parent, or a "binary_files" item with
+     *        "format":"object" whose source object the requester may not
+     *        read;
+     *   1031 the caller's "id" exists already;
+     *   the codes of the access, owner and parent checks and of the file
+     *   store, appended to.
+     * A failed index write is logged and does not fail the create. */
     bool Create(const Json::Value &jParm);
-    /* Creates through a temporary object; gives the new id and version. */
+    /* Creates through a temporary object; gives the new id and version.
+     * Codes as above, with "!tmpNewObj.Create(jsParm)" appended. */
     bool Create(const Json::Value &jsParm, std::string &strNewID, std::string &strNewVer);
-    /* Copies object jParm["id"] into a new object of the requester. */
+    /* Copies object jParm["id"] ({"ns", "id", "requester", "parent_id"?,
+     * "commit_msg"?}) into a new object of the requester, who must be able
+     * to read it. Returns true, or false with 1007 for a malformed record,
+     * the id check's codes, the codes of reading the source (1012, 1020,
+     * 1023, 1008 ...) or those of Create, appended to. */
     bool Copy(const Json::Value &jParm);
+    /* The same through a temporary object; gives the new id and version
+     * ("!tmpNewObj.Copy(jsParm)" appended on failure). */
     bool Copy(const Json::Value &jsParm, std::string &strNewID, std::string &strNewVer);
-    /* Changes an object and leaves it, as read back, in this object. */
+    /* Changes an object and leaves it, as read back, in this object
+     * ({"ns", "id", "requester", "version" (with "text" or
+     * "binary_files"), and at least one of "ctime", "parent_id",
+     * "metatext", "text", "metabinary_files", "binary_files"}). Returns
+     * true, or false with:
+     *   1007 a malformed record, nothing to change, a parent of another
+     *        owner;
+     *   1010 no file backend;
+     *   1023 the requester has neither "rw" nor "owner" on the object or
+     *        the new parent, or may not read the source object of a
+     *        "binary_files" item with "format":"object";
+     *   the codes of the access and id checks, of reading the object and
+     *   of the file store, appended to. */
     bool Set(const Json::Value &jParm);
-    /* Changes through a temporary object; gives the new version. */
+    /* Changes through a temporary object; gives the new version. Codes as
+     * above, with "!tmpNewObj.Set(jsParm)" appended. */
     bool Set(const Json::Value &jsParm, std::string &strNewVer);
 
     KOLV_VESSA_OBJECT *m_next;

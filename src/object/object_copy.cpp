@@ -8,6 +8,7 @@
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_object.h"
 #include "object/object_internal.h"
+#include "object/object_request.h"
 
 namespace {
 
@@ -96,6 +97,7 @@ bool KOLV_VESSA_OBJECT::Copy(const Json::Value &jParm) {
                                    !jParm["requester"].isIntegral())) {
             return false;
         }
+        if (!kolv::CheckRequest(jParm)) return false;
         if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jParm["id"].asCString()))) return false;
         Json::Value jCreateParm;
         if (KOLV_APPEND_IF(!PrepareCopyParm(jParm, jCreateParm))) return false;
@@ -105,7 +107,8 @@ bool KOLV_VESSA_OBJECT::Copy(const Json::Value &jParm) {
     if (!blOk) {
         KOLV_OBJECT_SYSLOG("Failed to copy id:[%s] by requester [%u]",
                            jParm.isObject() && jParm["id"].isString() ? jParm["id"].asCString() : "",
-                           jParm.isObject() && jParm["requester"].isIntegral() ? jParm["requester"].asUInt() : 0u);
+                           jParm.isObject() && kolv::IsUidValue(jParm["requester"]) ? jParm["requester"].asUInt()
+                                                                                    : (unsigned)UID_ERR);
     }
     return blOk;
 }

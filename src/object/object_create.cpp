@@ -14,6 +14,7 @@
 #include "kolvvessa/kolvvessa_index.h"
 #include "kolvvessa/kolvvessa_object.h"
 #include "object/object_internal.h"
+#include "object/object_request.h"
 
 namespace kolv {
 
@@ -40,15 +41,16 @@ bool CheckCreateParm(Json::Value &jParm) {
                                !jParm["requester"].isIntegral())) {
         return false;
     }
-    // The namespace and a caller-chosen id become directory names.
-    if (KOLV_FAIL_IF(1007, !kolv::IsSafePathName(jParm["ns"].asString()))) return false;
+    if (!kolv::CheckRequest(jParm)) return false;
+    // A caller-chosen id becomes a directory name.
     if (KOLV_FAIL_IF(1007, jParm.isMember("id") &&
                                (!jParm["id"].isString() || !kolv::IsSafePathName(jParm["id"].asString())))) {
         return false;
     }
-    if (0 == jParm["requester"].asInt64()) {
+    if (UID_ROOT == jParm["requester"].asLargestUInt()) {
         if (KOLV_FAIL_IF(1007, !jParm.isMember("owner"))) return false;
         if (KOLV_FAIL_IF(1007, !jParm["owner"].isIntegral())) return false;
+        if (KOLV_FAIL_IF(1007, !kolv::IsUidValue(jParm["owner"]))) return false;
     } else {
         if (KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) return false;
         jParm["owner"] = jParm["requester"];
@@ -73,6 +75,16 @@ bool InheritParent(Json::Value &jParm, uid_t owner) {
 bool CheckCreateTypes(const Json::Value &jParm) {
     if (jParm.isMember("commit_msg") && KOLV_FAIL_IF(1007, !jParm["commit_msg"].isObject())) return false;
     if (jParm.isMember("ctime") && KOLV_FAIL_IF(1007, !jParm["ctime"].isIntegral())) return false;
+    // An integral double or a count past the 64-bit range is no time.
+    if (jParm.isMember("ctime") &&
+        KOLV_FAIL_IF(1007, !jParm["ctime"].isInt64() || Json::realValue == jParm["ctime"].type())) {
+        return false;
+    }
+    if (jParm.isMember("acl") && KOLV_FAIL_IF(1007, !jParm["acl"].isObject())) return false;
+    if (jParm.isMember("mtime") &&
+        KOLV_FAIL_IF(1007, !jParm["mtime"].isInt64() || Json::realValue == jParm["mtime"].type())) {
+        return false;
+    }
     if (jParm.isMember("metatext") && KOLV_FAIL_IF(1007, !jParm["metatext"].isObject())) return false;
     if (jParm.isMember("text") && KOLV_FAIL_IF(1007, !jParm["text"].isObject())) return false;
     if (jParm.isMember("metabinary_files") && KOLV_FAIL_IF(1007, !jParm["metabinary_files"].isArray())) return false;
@@ -117,6 +129,7 @@ bool KOLV_VESSA_OBJECT::Create(const Json::Value &jsParm) {
         Json::Value jParm(jsParm);
         if (!CheckCreateParm(jParm)) return false;
         if (KOLV_APPEND_IF(!PrepareCreateParm(jParm))) return false;
+        if (!kolv::CheckBinarySources(jParm)) return false;
         kolv::NsHooks hooks(jParm["ns"].asString(), "create", true);
         hooks.Pre(jParm, this);
         std::string strNewID, strNewVer;

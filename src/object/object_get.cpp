@@ -13,11 +13,7 @@
 #include "kolvvessa/kolvvessa_object.h"
 #include "kolvvessa/kolvvessa_perm.h"
 #include "object/object_internal.h"
-
-// Appends the caller's record when a call it depends on did not succeed,
-// naming the call itself.
-#define KOLV_APPEND_UNLESS(cond)                                                                                       \
-    (__builtin_expect(!(cond), 0) ? (kolv::FailAppend(__FILE__, __LINE__, #cond), true) : false)
+#include "object/object_request.h"
 
 namespace {
 
@@ -29,12 +25,11 @@ bool CheckGetParm(const Json::Value &jParm) {
     }
     if (KOLV_FAIL_IF(1007, jParm.isMember("version") && !jParm["version"].isString())) return false;
     if (KOLV_FAIL_IF(1007, jParm.isMember("field") && !jParm["field"].isObject())) return false;
-    // Both become directory names under the repository: refuse any that
-    // would lead out of it before a file is touched.
-    if (KOLV_FAIL_IF(1007,
-                     !kolv::IsSafePathName(jParm["ns"].asString()) || !kolv::IsSafePathName(jParm["id"].asString()))) {
-        return false;
-    }
+    if (!kolv::CheckRequest(jParm)) return false;
+    // The id becomes a directory name under the repository: refuse one
+    // that would lead out of it before a file is touched. The rest of the
+    // id rules follow with the owner checks.
+    if (KOLV_FAIL_IF(1007, !kolv::IsSafePathName(jParm["id"].asString()))) return false;
     return true;
 }
 
@@ -115,11 +110,7 @@ bool HashToObjectParm(TRABSZHASH *pParmHash, Json::Value &jParm) {
     if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "id")))) return false;
     jParm["id"] = pParm;
     if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "requester")))) return false;
-    char *endPtr = NULL;
-    unsigned long requester = strtoul(pParm, &endPtr, 10);
-    if (KOLV_FAIL_IF(1007, endPtr && *endPtr)) return false;
-    jParm["requester"] = (Json::UInt64)requester;
-    return true;
+    return kolv::HashRequester(pParm, jParm["requester"]);
 }
 
 bool GetWritableParent(const Json::Value &jParm, KOLV_VESSA_OBJECT &obj) {
@@ -140,6 +131,6 @@ bool KOLVVessaObjectGet(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT *pObject) {
     if (KOLV_FAIL_IF(1015, NULL == pObject)) return false;
     Json::Value jParm(Json::objectValue);
     if (!HashToGetParm(pParmHash, jParm)) return false;
-    if (KOLV_APPEND_UNLESS(pObject->Get(jParm))) return false;
+    if (KOLV_APPEND_IF(!pObject->Get(jParm))) return false;
     return true;
 }

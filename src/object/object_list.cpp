@@ -10,16 +10,15 @@
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
+#include "common/kolvvessa_raii.h"
 #include "kolvvessa/kolvvessa_backend.h"
 #include "kolvvessa/kolvvessa_error.h"
+#include "kolvvessa/kolvvessa_conf.h"
 #include "kolvvessa/kolvvessa_index.h"
 #include "kolvvessa/kolvvessa_object.h"
+#include "object/object_request.h"
 
 namespace {
-
-struct UserFree {
-    void operator()(KOLVUSER *p) const { KOLVUserFree(p); }
-};
 
 // "owner" (a user name) becomes the owner's uid; "owner_uid" is taken as
 // it is. Works on the request copy jParm.
@@ -28,11 +27,12 @@ bool ResolveFilterOwner(Json::Value &jParm) {
         if (KOLV_FAIL_IF(1007, !jParm["filter"]["owner"].isString())) return false;
         KOLVUSER *pUser = NULL;
         if (KOLV_FAIL_IF(1022, 0 > KOLVUserGet(jParm["filter"]["owner"].asCString(), &pUser))) return false;
-        std::unique_ptr<KOLVUSER, UserFree> guard(pUser);
+        kolv::User guard(pUser);
         jParm["filter"]["owner"] = (Json::UInt)pUser->uid;
     }
     if (jParm["filter"].isMember("owner_uid")) {
         if (KOLV_FAIL_IF(1007, !jParm["filter"]["owner_uid"].isIntegral())) return false;
+        if (KOLV_FAIL_IF(1007, !kolv::IsUidValue(jParm["filter"]["owner_uid"]))) return false;
         jParm["filter"]["owner"] = (Json::UInt)jParm["filter"]["owner_uid"].asLargestInt();
         jParm["filter"].removeMember("owner_uid");
     }
@@ -47,6 +47,13 @@ bool CheckRequest(const Json::Value &jIn, Json::Value &jParm) {
     if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("requester") ||
                                !jParm["requester"].isIntegral()))
         return false;
+    if (!kolv::CheckRequest(jParm, true)) return false;
+    // The switches of the settings file hold for listing as for reading:
+    // with the store or the namespace off a user lists nothing.
+    if (UID_ROOT != jParm["requester"].asLargestUInt() &&
+        KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
+        return false;
+    }
     if (jParm.isMember("filter")) {
         if (KOLV_FAIL_IF(1007, !jParm["filter"].isObject())) return false;
         if (!ResolveFilterOwner(jParm)) return false;
@@ -91,15 +98,20 @@ int KOLVVessaObjectList(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, un
     if (KOLV_FAIL_IF(1015, NULL == ppHead)) return -1;
     *ppHead = NULL;
     total = 0;
-    return KOLV_NO_THROW_AS(-1, 1007, "list request rejected", [&]() -> int { return ListChecked(jParm, ppHead, total); });
+    return KOLV_NO_THROW_AS(-1, 1007, "list request rejected",
+                            [&]() -> int { return ListChecked(jParm, ppHead, total); });
 }
 
 int KOLVVessaObjectList(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT **ppHead, unsigned int &total) {
     if (KOLV_FAIL_IF(1015, NULL == pParmHash || NULL == ppHead)) return -1;
+    *ppHead = NULL;
+    total = 0;
     Json::Value jParm(Json::objectValue);
     const char *szVal = NULL;
     if ((szVal = TRABCSzHashGetValue(pParmHash, "ns"))) jParm["ns"] = szVal;
-    if ((szVal = TRABCSzHashGetValue(pParmHash, "requester"))) jParm["requester"] = DecimalOrText(szVal);
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "requester")) && !kolv::HashRequester(szVal, jParm["requester"])) {
+        return -1;
+    }
     if ((szVal = TRABCSzHashGetValue(pParmHash, "filter"))) jParm["filter"] = JsonOrText(szVal);
     if ((szVal = TRABCSzHashGetValue(pParmHash, "field"))) jParm["field"] = JsonOrText(szVal);
     if ((szVal = TRABCSzHashGetValue(pParmHash, "offset"))) jParm["offset"] = DecimalOrText(szVal);

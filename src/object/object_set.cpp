@@ -13,6 +13,10 @@
 #include "kolvvessa/kolvvessa_index.h"
 #include "kolvvessa/kolvvessa_object.h"
 #include "object/object_internal.h"
+#include "object/object_request.h"
+
+// The failure record names the preparation as the design does.
+using kolv::PrepareSetParm;
 
 namespace {
 
@@ -22,7 +26,9 @@ bool CheckSetAccess(const Json::Value &jParm) {
                                !jParm["requester"].isIntegral())) {
         return false;
     }
-    if (0 != jParm["requester"].asInt64() && KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
+    if (!kolv::CheckRequest(jParm)) return false;
+    if (UID_ROOT != jParm["requester"].asLargestUInt() &&
+        KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
         return false;
     }
     if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jParm["id"].asCString()))) return false;
@@ -56,7 +62,8 @@ bool KOLV_VESSA_OBJECT::Set(const Json::Value &jsParm) {
                           tmpOldObj.get_perm().c_str());
             return false;
         }
-        if (KOLV_APPEND_IF(!kolv::PrepareSetParm(jParm, tmpOldObj.get_acl(), &tmpOldObj))) return false;
+        if (KOLV_APPEND_IF(!PrepareSetParm(jParm, tmpOldObj.get_acl(), &tmpOldObj))) return false;
+        if (!kolv::CheckBinarySources(jParm)) return false;
         kolv::NsHooks hooks(jParm["ns"].asString(), "set", false);
         hooks.Pre(jParm, &tmpOldObj);
         std::string strNewVer = jParm["version"].asString();
@@ -89,7 +96,11 @@ bool HashToSetParm(TRABSZHASH *pParmHash, Json::Value &jParm) {
     jParm["ns"] = pParm;
     if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "id")))) return false;
     jParm["id"] = pParm;
-    for (const char *szKey : {"requester", "ctime", "mtime"}) {
+    if (NULL != (pParm = TRABCSzHashGetValue(pParmHash, "requester")) &&
+        !kolv::HashRequester(pParm, jParm["requester"])) {
+        return false;
+    }
+    for (const char *szKey : {"ctime", "mtime"}) {
         if (NULL == (pParm = TRABCSzHashGetValue(pParmHash, szKey))) continue;
         char *endPtr = NULL;
         long long value = strtoll(pParm, &endPtr, 10);

@@ -107,6 +107,17 @@ bool PrepareSetParm(Json::Value &jParm, const Json::Value &jAcl, const KOLV_VESS
         return false;
     }
     if (jParm.isMember("mtime") && KOLV_FAIL_IF(1007, !jParm["mtime"].isIntegral())) return false;
+    // The caller's own "acl", before a move puts the inherited one there.
+    if (jParm.isMember("acl") && KOLV_FAIL_IF(1007, !jParm["acl"].isObject())) return false;
+    // An integral double or a count past the 64-bit range is no time.
+    if (jParm.isMember("ctime") &&
+        KOLV_FAIL_IF(1007, !jParm["ctime"].isInt64() || Json::realValue == jParm["ctime"].type())) {
+        return false;
+    }
+    if (jParm.isMember("mtime") &&
+        KOLV_FAIL_IF(1007, !jParm["mtime"].isInt64() || Json::realValue == jParm["mtime"].type())) {
+        return false;
+    }
     if (jParm.isMember("reset_parent_id") && jParm["reset_parent_id"].isBool() && jParm["reset_parent_id"].asBool()) {
         jParm["parent_id"] = KOLVVessaObjectDefaultID(KOLVVessaObjectGetOwnerByID(jParm["id"].asString()));
     }

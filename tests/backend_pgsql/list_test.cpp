@@ -237,6 +237,7 @@ TEST_F(ListTest, HostileTextIsMatchedAsDataNeverRun) {
     p->set_text(jText);
     rows.Add("plain", kAlice, 5, Acl("ro"), strNs);
     ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+    m_sys.EnableNamespace(strNs); // a user lists only in a namespace switched on
 
     Json::Value jParm = Request(kAlice, strNs);
     EXPECT_EQ(strId + "/owner,plain/owner", List(jParm));

@@ -30,23 +30,6 @@ TEST_F(ObjectGetTest, RecordIsValidatedBeforeAnyAccessCheck) {
     EXPECT_FAILS(obj.Get(jParm), 1007, "jParm.isMember(\"field\") && !jParm[\"field\"].isObject()");
 }
 
-TEST_F(ObjectGetTest, NamesThatLeaveTheRepositoryAreRefused) {
-    const std::string strText = "!kolv::IsSafePathName(jParm[\"ns\"].asString()) || "
-                                "!kolv::IsSafePathName(jParm[\"id\"].asString())";
-    KOLV_VESSA_OBJECT obj;
-    for (const char *szID : {"1026_../../x", "1026_a/b"})
-        EXPECT_FAILS(obj.Get(GetParm(szID, 0)), 1007, strText);
-    Json::Value jParm = GetParm("1101_AB", 0);
-    jParm["ns"] = "..";
-    EXPECT_FAILS(obj.Get(jParm), 1007, strText);
-    // Create refuses them before writing anything.
-    EXPECT_FALSE(obj.Create(J(R"({"ns":"a/b","category":"memo","requester":0,"owner":1101})")));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_FALSE(obj.Create(J(R"({"ns":"note","category":"memo","requester":1101,"id":"1101_../../x"})")));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_FALSE(TRABCFileExist(m_sys.Repo().c_str()));
-}
-
 TEST_F(ObjectGetTest, SystemRequesterSkipsNamespaceAndSharingChecks) {
     std::string strID = Create(kolvtest::kAlice, J("{\"text\":{\"title\":\"hello\"}}"));
 

@@ -1,0 +1,305 @@
+/*
+ * Hostile requests at every entry: each is refused with 1007 (1023 for a
+ * binary source the requester may not read) and its condition, and
+ * nothing is written.
+ */
+#include <dirent.h>
+
+#include <algorithm>
+#include <functional>
+#include <set>
+
+#include "object/object_test_util.h"
+
+namespace {
+
+using kolvtest::ErrIs;
+using kolvtest::Hash;
+using kolvtest::StackText;
+using objtest::J;
+
+const char *const kRequesterText = "!kolv::IsUidValue(jParm[\"requester\"])";
+const char *const kNulText = "kolv::HasNulCharacter(jParm)";
+const char *const kDepthText = "KOLVVESSA_REQUEST_DEPTH_MAX < kolv::RequestDepth(jParm)";
+const char *const kNsText = "!kolv::IsNamespaceName(jParm[\"ns\"].asString())";
+const char *const kTimeText = "!jParm[\"ctime\"].isInt64() || Json::realValue == jParm[\"ctime\"].type()";
+
+// A value nested nLevels objects deep.
+Json::Value Nested(int nLevels) {
+    Json::Value j(Json::objectValue);
+    for (int i = 1; i < nLevels; ++i) {
+        Json::Value jOuter(Json::objectValue);
+        jOuter["a"] = j;
+        j = jOuter;
+    }
+    return j;
+}
+
+std::set<std::string> Entries(const std::string &strDir) {
+    std::set<std::string> names;
+    if (DIR *pDir = opendir(strDir.c_str())) {
+        while (struct dirent *pEnt = readdir(pDir))
+            names.insert(pEnt->d_name);
+        closedir(pDir);
+    }
+    return names;
+}
+
+enum Op { kGet = 1, kCreate = 2, kSet = 4, kCopy = 8, kList = 16, kAll = 31 };
+
+class ObjectRequestTest : public objtest::ObjectStoreTest {
+  protected:
+    void SetUp() override {
+        ObjectStoreTest::SetUp();
+        m_strID = Create(kolvtest::kAlice, J(R"({"text":{"t":"one"},"metatext":{"m":"one"}})"));
+        KOLV_VESSA_OBJECT obj;
+        ASSERT_TRUE(obj.Get(GetParm(m_strID, kolvtest::kAlice))) << StackText();
+        m_strVer = obj.get_version();
+    }
+
+    Json::Value Base(Op op) const {
+        Json::Value j = GetParm(m_strID, kolvtest::kAlice);
+        if (kCreate == op) j = J(R"({"ns":"note","category":"memo","requester":1101,"text":{"t":"new"}})");
+        if (kSet == op) {
+            j["version"] = m_strVer;
+            j["text"]["t"] = "two";
+        }
+        if (kList == op) j.removeMember("id");
+        return j;
+    }
+
+    // Runs one JSON entry; true when it succeeded.
+    static bool Run(Op op, const Json::Value &jParm) {
+        KOLV_VESSA_OBJECT obj;
+        switch (op) {
+        case kGet:
+            return obj.Get(jParm);
+        case kCreate:
+            return obj.Create(jParm);
+        case kSet:
+            return obj.Set(jParm);
+        case kCopy:
+            return obj.Copy(jParm);
+        default: {
+            KOLV_VESSA_OBJECT_LIST list;
+            unsigned total = 0;
+            return 0 <= list.ListObject(jParm, total);
+        }
+        }
+    }
+
+    // Runs one string-hash entry.
+    static bool RunHash(Op op, Hash &hash) {
+        KOLV_VESSA_OBJECT obj;
+        std::string strID, strVer;
+        switch (op) {
+        case kGet:
+            return KOLVVessaObjectGet(hash.get(), &obj);
+        case kSet:
+            return KOLVVessaObjectSet(hash.get(), strVer);
+        case kCopy:
+            return KOLVVessaObjectCopy(hash.get(), strID, strVer);
+        default: {
+            KOLV_VESSA_OBJECT *pHead = NULL;
+            unsigned total = 0;
+            int count = KOLVVessaObjectList(hash.get(), &pHead, total);
+            KOLVVessaObjectFreeList(pHead);
+            return 0 <= count;
+        }
+        }
+    }
+
+    // Nothing new in the repository or the namespace, and the object
+    // still at its version with its text.
+    void ExpectNothingWritten(const std::set<std::string> &repoBefore, const std::set<std::string> &nsBefore) {
+        EXPECT_EQ(repoBefore, Entries(m_sys.Repo()));
+        EXPECT_EQ(nsBefore, Entries(m_sys.Repo() + "/note"));
+        KOLV_VESSA_OBJECT obj;
+        Json::Value jGet = GetParm(m_strID, kolvtest::kAlice);
+        jGet["field"] = KOLVVessaObjectFieldAll();
+        ASSERT_TRUE(obj.Get(jGet)) << StackText();
+        EXPECT_EQ(m_strVer, obj.get_version());
+        EXPECT_EQ("one", obj.get_text()["t"].asString());
+        EXPECT_EQ("one", obj.get_metatext()["m"].asString());
+    }
+
+    std::string m_strID, m_strVer;
+};
+
+TEST_F(ObjectRequestTest, HostileRequestsAreRefusedAtEveryEntryBeforeAnyWrite) {
+    using Mutate = std::function<void(Json::Value &)>;
+    const struct {
+        const char *szWhat;
+        int ops;
+        Mutate mutate;
+        int code;
+        const char *szOrigin;
+    } rgCases[] = {
+        // Once read as 0 (the system) or as user 1101.
+        {"requester 2^32", kAll, [](Json::Value &j) { j["requester"] = (Json::UInt64)4294967296ULL; }, 1007,
+         kRequesterText},
+        {"requester 2^32+1101", kAll, [](Json::Value &j) { j["requester"] = (Json::UInt64)4294968397ULL; }, 1007,
+         kRequesterText},
+        {"requester INT64_MIN", kAll, [](Json::Value &j) { j["requester"] = (Json::Int64)INT64_MIN; }, 1007,
+         kRequesterText},
+        {"requester UID_ERR", kAll, [](Json::Value &j) { j["requester"] = 4294967295u; }, 1007, kRequesterText},
+        {"requester -1", kAll, [](Json::Value &j) { j["requester"] = -1; }, 1007, kRequesterText},
+        {"requester 1101.0", kAll, [](Json::Value &j) { j["requester"] = 1101.0; }, 1007, kRequesterText},
+        // A NUL anywhere: names, values, member names deep in the text.
+        {"NUL in ns", kAll, [](Json::Value &j) { j["ns"] = std::string("no\0te", 5); }, 1007, kNulText},
+        {"NUL in id", kGet | kSet | kCopy, [](Json::Value &j) { j["id"] = j["id"].asString() + std::string(1, '\0'); },
+         1007, kNulText},
+        {"NUL in category", kCreate, [](Json::Value &j) { j["category"] = std::string("me\0mo", 5); }, 1007, kNulText},
+        {"NUL in a text value", kCreate | kSet, [](Json::Value &j) { j["text"]["t"] = std::string("a\0b", 3); }, 1007,
+         kNulText},
+        {"NUL in a deep member name", kAll, [](Json::Value &j) { j["metatext"]["m"]["x"][std::string("k\0", 2)] = 1; },
+         1007, kNulText},
+        {"NUL in a field name", kGet | kList, [](Json::Value &j) { j["field"][std::string("te\0xt", 5)] = true; }, 1007,
+         kNulText},
+        // Deeper than the limit: the request is level 1, "text" level 2.
+        {"depth 101", kAll, [](Json::Value &j) { j["text"]["t"] = Nested(KOLVVESSA_REQUEST_DEPTH_MAX - 1); }, 1007,
+         kDepthText},
+        // Names that are the repository's own or mean something else.
+        {"ns empty", kAll, [](Json::Value &j) { j["ns"] = ""; }, 1007, kNsText},
+        {"ns .", kAll, [](Json::Value &j) { j["ns"] = "."; }, 1007, kNsText},
+        {"ns ..", kAll, [](Json::Value &j) { j["ns"] = ".."; }, 1007, kNsText},
+        {"ns @tmp", kAll, [](Json::Value &j) { j["ns"] = "@tmp"; }, 1007, kNsText},
+        {"ns .git", kAll, [](Json::Value &j) { j["ns"] = ".git"; }, 1007, kNsText},
+        {"ns *", kAll, [](Json::Value &j) { j["ns"] = "*"; }, 1007, kNsText},
+        {"ns a/b", kAll, [](Json::Value &j) { j["ns"] = "a/b"; }, 1007, kNsText},
+        {"id out of the namespace", kGet, [](Json::Value &j) { j["id"] = "1101_../../x"; }, 1007,
+         "!kolv::IsSafePathName(jParm[\"id\"].asString())"},
+        // Fields of the wrong kind.
+        {"acl a string", kCreate | kSet, [](Json::Value &j) { j["acl"] = "public"; }, 1007,
+         "!jParm[\"acl\"].isObject()"},
+        {"ctime a double", kCreate | kSet, [](Json::Value &j) { j["ctime"] = 1000.0; }, 1007, kTimeText},
+        {"ctime past int64", kCreate | kSet, [](Json::Value &j) { j["ctime"] = (Json::UInt64)18446744073709551615ULL; },
+         1007, kTimeText},
+    };
+    const std::set<std::string> repoBefore = Entries(m_sys.Repo()), nsBefore = Entries(m_sys.Repo() + "/note");
+    for (const auto &c : rgCases) {
+        for (Op op : {kGet, kCreate, kSet, kCopy, kList}) {
+            if (!(c.ops & op)) continue;
+            Json::Value jParm = Base(op);
+            c.mutate(jParm);
+            EXPECT_FALSE(Run(op, jParm)) << c.szWhat << " op " << op;
+            EXPECT_TRUE(ErrIs(c.code, c.szOrigin)) << c.szWhat << " op " << op;
+        }
+    }
+    ExpectNothingWritten(repoBefore, nsBefore);
+
+    // At the limit the text is stored and read back whole.
+    Json::Value jDeep = Base(kCreate);
+    jDeep["text"]["t"] = Nested(KOLVVESSA_REQUEST_DEPTH_MAX - 2);
+    KOLV_VESSA_OBJECT obj;
+    ASSERT_TRUE(obj.Create(jDeep)) << StackText();
+    EXPECT_EQ(jDeep["text"], obj.get_text());
+}
+
+TEST_F(ObjectRequestTest, StringHashEntriesTakeOnlyPlainDecimalRequesters) {
+    const std::set<std::string> repoBefore = Entries(m_sys.Repo()), nsBefore = Entries(m_sys.Repo() + "/note");
+    // Text that is no plain decimal number stays text and fails the
+    // entry's own member test; digits out of range fail the requester test.
+    const char *const kIsText = "!jParm[\"requester\"].isIntegral()";
+    const std::pair<const char *, const char *> rgCases[] = {
+        {"", kIsText},
+        {"-1", kIsText},
+        {"+1101", kIsText},
+        {" 1101", kIsText},
+        {"18446744073709551617", kIsText},
+        {"4294967295", kRequesterText},
+        {"4294967296", kRequesterText},
+        {"4294968397", kRequesterText},
+        {"1101.0", "endPtr && *endPtr"}, // digits first: the rest trails
+    };
+    for (const auto &c : rgCases) {
+        for (Op op : {kGet, kSet, kCopy, kList}) {
+            Hash hash({{"ns", "note"}, {"id", m_strID}, {"requester", c.first}});
+            if (kSet == op) hash.Set("metatext", R"({"m":"two"})");
+            EXPECT_FALSE(RunHash(op, hash)) << "[" << c.first << "] op " << op;
+            const std::string strOrigin = kolvtest::OriginMsg(), strWant = c.second;
+            EXPECT_EQ(1007, KOLVVessaErrCodeGet()) << "[" << c.first << "] op " << op;
+            EXPECT_EQ(strWant, strOrigin.substr(strOrigin.size() - std::min(strOrigin.size(), strWant.size())))
+                << "[" << c.first << "] op " << op;
+        }
+    }
+    // A NUL reaches the set entry inside a JSON text.
+    Hash hash({{"ns", "note"}, {"id", m_strID}, {"requester", "1101"}, {"metatext", R"({"m":"a\u0000b"})"}});
+    std::string strVer;
+    EXPECT_FALSE(KOLVVessaObjectSet(hash.get(), strVer));
+    EXPECT_TRUE(ErrIs(1007, kNulText));
+    ExpectNothingWritten(repoBefore, nsBefore);
+}
+
+TEST_F(ObjectRequestTest, BinarySourcesNeedReadPermissionOnTheSourceObject) {
+    std::string strFile = m_sys.Path("/tmp/secret.bin");
+    kolvtest::WriteFile(strFile, "bob's secret");
+    Json::Value jBobs = J(R"({"binary_files":[{"name":"secret.bin","format":"raw"}]})");
+    jBobs["binary_files"][0]["path"] = strFile;
+    std::string strBobs = Create(kolvtest::kBob, jBobs);
+    jBobs["acl"] = J(R"({"enabled":true,"hmx_user":{"1101":{"perm":"ro"}}})");
+    std::string strShared = Create(kolvtest::kBob, jBobs);
+    Json::Value jItem = J(R"({"name":"secret.bin","format":"object"})");
+    jItem["id"] = strBobs;
+
+    Json::Value jCreate = Base(kCreate), jSet = Base(kSet);
+    jCreate["binary_files"].append(jItem);
+    jSet["binary_files"].append(jItem);
+    Json::Value jNoID = Base(kCreate);
+    jNoID["binary_files"].append(J(R"({"name":"x","format":"object"})"));
+    const std::set<std::string> repoBefore = Entries(m_sys.Repo()), nsBefore = Entries(m_sys.Repo() + "/note");
+    KOLV_VESSA_OBJECT obj;
+    EXPECT_FAILS(obj.Create(jCreate), 1023, "!RequesterMayRead(jParm, strSourceID)");
+    EXPECT_FAILS(obj.Set(jSet), 1023, "!RequesterMayRead(jParm, strSourceID)");
+    EXPECT_FAILS(obj.Create(jNoID), 1007,
+                 "!jItem[\"id\"].isString() || !kolv::IsSafePathName(jItem[\"id\"].asString())");
+    ExpectNothingWritten(repoBefore, nsBefore);
+
+    // Shared with alice for reading: she may take the file.
+    jCreate["binary_files"][0]["id"] = strShared;
+    ASSERT_TRUE(obj.Create(jCreate)) << StackText();
+    EXPECT_EQ("bob's secret", Git(obj.get_id(), "show HEAD:binary/" + Enc("secret.bin")));
+}
+
+// Listing reads the index: these need the private server.
+class ObjectListSwitchTest : public kolvtest::SysrootTest {
+  protected:
+    void SetUp() override {
+        if (!kolvtest::HavePostgres()) GTEST_SKIP() << "PGHOST is not set: no PostgreSQL server for the index";
+        kolvtest::DropIndexDatabase();
+        m_sys.EnableNamespace("note");
+    }
+    static int List(unsigned requester) {
+        KOLV_VESSA_OBJECT_LIST list;
+        unsigned total = 0;
+        return list.ListObject(J(R"({"ns":"note","requester":)" + std::to_string(requester) + "}"), total);
+    }
+};
+
+TEST_F(ObjectListSwitchTest, ListingHonoursTheSwitchesAndRefusedSetsLeaveTheRow) {
+    KOLV_VESSA_OBJECT obj;
+    ASSERT_TRUE(obj.Create(J(R"({"ns":"note","category":"memo","requester":1101,"text":{"t":"one"}})"))) << StackText();
+    const std::string strRow = kolvtest::Psql("SELECT version, text FROM object WHERE id = '" + obj.get_id() + "'");
+    ASSERT_NE("", strRow);
+    ASSERT_EQ(1, List(kolvtest::kAlice)) << StackText();
+
+    Json::Value jSet = J(R"({"ns":"note","requester":1101,"text":{"t":"a\u0000b"}})");
+    jSet["id"] = obj.get_id();
+    jSet["version"] = obj.get_version();
+    EXPECT_FAILS(obj.Set(jSet), 1007, kNulText);
+    EXPECT_EQ(strRow, kolvtest::Psql("SELECT version, text FROM object WHERE id = '" + obj.get_id() + "'"));
+
+    const char *szAccess = "FALSE == KOLVVessaAccessCheck(jParm[\"ns\"].asCString())";
+    m_sys.WriteSettings(J(R"({"Access":{"enable":true,"enable_ns_note":false}})"));
+    EXPECT_EQ(-1, List(kolvtest::kAlice));
+    EXPECT_TRUE(ErrIs(1012, "!jConf[\"Access\"][szNSKey].asBool()"));
+    EXPECT_NE(std::string::npos, StackText().find(szAccess));
+    m_sys.WriteSettings(J(R"({"Access":{"enable":false,"enable_ns_note":true}})"));
+    EXPECT_EQ(-1, List(kolvtest::kAlice));
+    EXPECT_EQ(1027, KOLVVessaErrCodeGet());
+    EXPECT_NE(std::string::npos, StackText().find(szAccess));
+    // The system lists whatever the switches say.
+    EXPECT_EQ(1, List(0)) << StackText();
+}
+
+} // namespace
