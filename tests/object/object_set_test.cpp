@@ -20,6 +20,8 @@ TEST_F(ObjectSetTest, RequestsThatChangeNothingOrLackTheirVersion) {
                  "!jParm.isMember(\"ctime\") && !jParm.isMember(\"parent_id\") && !jParm.isMember(\"metatext\") && "
                  "!jParm.isMember(\"text\") && !jParm.isMember(\"metabinary_files\") && "
                  "!jParm.isMember(\"binary_files\")");
+    std::string strStack = StackText();
+    EXPECT_EQ("!PrepareSetParm(jParm, tmpOldObj.get_acl(), &tmpOldObj)", strStack.substr(strStack.rfind('\n') + 1));
 
     jParm.removeMember("mtime");
     jParm["text"]["a"] = 2;
