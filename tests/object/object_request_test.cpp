@@ -6,7 +6,6 @@
 #include <dirent.h>
 
 #include <algorithm>
-#include <functional>
 #include <set>
 
 #include "object/object_test_util.h"
@@ -68,52 +67,39 @@ class ObjectRequestTest : public objtest::ObjectStoreTest {
         return j;
     }
 
-    // Runs one JSON entry; true when it succeeded.
-    static bool Run(Op op, const Json::Value &jParm) {
+    // Runs one JSON entry, or its string-hash form; true when it succeeded.
+    static bool Run(Op op, const Json::Value &j) {
         KOLV_VESSA_OBJECT obj;
-        switch (op) {
-        case kGet:
-            return obj.Get(jParm);
-        case kCreate:
-            return obj.Create(jParm);
-        case kSet:
-            return obj.Set(jParm);
-        case kCopy:
-            return obj.Copy(jParm);
-        default: {
-            KOLV_VESSA_OBJECT_LIST list;
-            unsigned total = 0;
-            return 0 <= list.ListObject(jParm, total);
-        }
-        }
+        KOLV_VESSA_OBJECT_LIST list;
+        unsigned total = 0;
+        return kGet == op      ? obj.Get(j)
+               : kCreate == op ? obj.Create(j)
+               : kSet == op    ? obj.Set(j)
+               : kCopy == op   ? obj.Copy(j)
+                               : 0 <= list.ListObject(j, total);
+    }
+    static bool RunHash(Op op, Hash &hash) {
+        KOLV_VESSA_OBJECT obj, *pHead = NULL;
+        std::string strID, strVer;
+        unsigned total = 0;
+        bool blOk = kGet == op    ? KOLVVessaObjectGet(hash.get(), &obj)
+                    : kSet == op  ? KOLVVessaObjectSet(hash.get(), strVer)
+                    : kCopy == op ? KOLVVessaObjectCopy(hash.get(), strID, strVer)
+                                  : 0 <= KOLVVessaObjectList(hash.get(), &pHead, total);
+        KOLVVessaObjectFreeList(pHead);
+        return blOk;
     }
 
-    // Runs one string-hash entry.
-    static bool RunHash(Op op, Hash &hash) {
-        KOLV_VESSA_OBJECT obj;
-        std::string strID, strVer;
-        switch (op) {
-        case kGet:
-            return KOLVVessaObjectGet(hash.get(), &obj);
-        case kSet:
-            return KOLVVessaObjectSet(hash.get(), strVer);
-        case kCopy:
-            return KOLVVessaObjectCopy(hash.get(), strID, strVer);
-        default: {
-            KOLV_VESSA_OBJECT *pHead = NULL;
-            unsigned total = 0;
-            int count = KOLVVessaObjectList(hash.get(), &pHead, total);
-            KOLVVessaObjectFreeList(pHead);
-            return 0 <= count;
-        }
-        }
+    void Snapshot() {
+        m_repoBefore = Entries(m_sys.Repo());
+        m_nsBefore = Entries(m_sys.Repo() + "/note");
     }
 
     // Nothing new in the repository or the namespace, and the object
     // still at its version with its text.
-    void ExpectNothingWritten(const std::set<std::string> &repoBefore, const std::set<std::string> &nsBefore) {
-        EXPECT_EQ(repoBefore, Entries(m_sys.Repo()));
-        EXPECT_EQ(nsBefore, Entries(m_sys.Repo() + "/note"));
+    void ExpectNothingWritten() {
+        EXPECT_EQ(m_repoBefore, Entries(m_sys.Repo()));
+        EXPECT_EQ(m_nsBefore, Entries(m_sys.Repo() + "/note"));
         KOLV_VESSA_OBJECT obj;
         Json::Value jGet = GetParm(m_strID, kolvtest::kAlice);
         jGet["field"] = KOLVVessaObjectFieldAll();
@@ -124,69 +110,62 @@ class ObjectRequestTest : public objtest::ObjectStoreTest {
     }
 
     std::string m_strID, m_strVer;
+    std::set<std::string> m_repoBefore, m_nsBefore;
 };
 
 TEST_F(ObjectRequestTest, HostileRequestsAreRefusedAtEveryEntryBeforeAnyWrite) {
-    using Mutate = std::function<void(Json::Value &)>;
+    const std::string N(1, '\0');
     const struct {
-        const char *szWhat;
         int ops;
-        Mutate mutate;
-        int code;
+        std::string strPath; // members joined with "/"
+        Json::Value jVal;
         const char *szOrigin;
     } rgCases[] = {
         // Once read as 0 (the system) or as user 1101.
-        {"requester 2^32", kAll, [](Json::Value &j) { j["requester"] = (Json::UInt64)4294967296ULL; }, 1007,
-         kRequesterText},
-        {"requester 2^32+1101", kAll, [](Json::Value &j) { j["requester"] = (Json::UInt64)4294968397ULL; }, 1007,
-         kRequesterText},
-        {"requester INT64_MIN", kAll, [](Json::Value &j) { j["requester"] = (Json::Int64)INT64_MIN; }, 1007,
-         kRequesterText},
-        {"requester UID_ERR", kAll, [](Json::Value &j) { j["requester"] = 4294967295u; }, 1007, kRequesterText},
-        {"requester -1", kAll, [](Json::Value &j) { j["requester"] = -1; }, 1007, kRequesterText},
-        {"requester 1101.0", kAll, [](Json::Value &j) { j["requester"] = 1101.0; }, 1007, kRequesterText},
+        {kAll, "requester", (Json::UInt64)4294967296ULL, kRequesterText},
+        {kAll, "requester", (Json::UInt64)4294968397ULL, kRequesterText},
+        {kAll, "requester", (Json::Int64)INT64_MIN, kRequesterText},
+        {kAll, "requester", 4294967295u, kRequesterText},
+        {kAll, "requester", -1, kRequesterText},
+        {kAll, "requester", 1101.0, kRequesterText},
         // A NUL anywhere: names, values, member names deep in the text.
-        {"NUL in ns", kAll, [](Json::Value &j) { j["ns"] = std::string("no\0te", 5); }, 1007, kNulText},
-        {"NUL in id", kGet | kSet | kCopy, [](Json::Value &j) { j["id"] = j["id"].asString() + std::string(1, '\0'); },
-         1007, kNulText},
-        {"NUL in category", kCreate, [](Json::Value &j) { j["category"] = std::string("me\0mo", 5); }, 1007, kNulText},
-        {"NUL in a text value", kCreate | kSet, [](Json::Value &j) { j["text"]["t"] = std::string("a\0b", 3); }, 1007,
-         kNulText},
-        {"NUL in a deep member name", kAll, [](Json::Value &j) { j["metatext"]["m"]["x"][std::string("k\0", 2)] = 1; },
-         1007, kNulText},
-        {"NUL in a field name", kGet | kList, [](Json::Value &j) { j["field"][std::string("te\0xt", 5)] = true; }, 1007,
-         kNulText},
+        {kAll, "ns", "no" + N + "te", kNulText},
+        {kGet | kSet | kCopy, "id", "1101_A" + N, kNulText},
+        {kCreate, "category", "me" + N + "mo", kNulText},
+        {kCreate | kSet, "text/t", "a" + N + "b", kNulText},
+        {kAll, "metatext/m/x/k" + N, 1, kNulText},
+        {kGet | kList, "field/te" + N + "xt", true, kNulText},
         // Deeper than the limit: the request is level 1, "text" level 2.
-        {"depth 101", kAll, [](Json::Value &j) { j["text"]["t"] = Nested(KOLVVESSA_REQUEST_DEPTH_MAX - 1); }, 1007,
-         kDepthText},
+        {kAll, "text/t", Nested(KOLVVESSA_REQUEST_DEPTH_MAX - 1), kDepthText},
         // Names that are the repository's own or mean something else.
-        {"ns empty", kAll, [](Json::Value &j) { j["ns"] = ""; }, 1007, kNsText},
-        {"ns .", kAll, [](Json::Value &j) { j["ns"] = "."; }, 1007, kNsText},
-        {"ns ..", kAll, [](Json::Value &j) { j["ns"] = ".."; }, 1007, kNsText},
-        {"ns @tmp", kAll, [](Json::Value &j) { j["ns"] = "@tmp"; }, 1007, kNsText},
-        {"ns .git", kAll, [](Json::Value &j) { j["ns"] = ".git"; }, 1007, kNsText},
-        {"ns *", kAll, [](Json::Value &j) { j["ns"] = "*"; }, 1007, kNsText},
-        {"ns a/b", kAll, [](Json::Value &j) { j["ns"] = "a/b"; }, 1007, kNsText},
-        {"id out of the namespace", kGet, [](Json::Value &j) { j["id"] = "1101_../../x"; }, 1007,
-         "!kolv::IsSafePathName(jParm[\"id\"].asString())"},
+        {kAll, "ns", "", kNsText},
+        {kAll, "ns", ".", kNsText},
+        {kAll, "ns", "..", kNsText},
+        {kAll, "ns", "@tmp", kNsText},
+        {kAll, "ns", ".git", kNsText},
+        {kAll, "ns", "*", kNsText},
+        {kAll, "ns", "a/b", kNsText},
+        {kGet, "id", "1101_../../x", "!kolv::IsSafePathName(jParm[\"id\"].asString())"},
         // Fields of the wrong kind.
-        {"acl a string", kCreate | kSet, [](Json::Value &j) { j["acl"] = "public"; }, 1007,
-         "!jParm[\"acl\"].isObject()"},
-        {"ctime a double", kCreate | kSet, [](Json::Value &j) { j["ctime"] = 1000.0; }, 1007, kTimeText},
-        {"ctime past int64", kCreate | kSet, [](Json::Value &j) { j["ctime"] = (Json::UInt64)18446744073709551615ULL; },
-         1007, kTimeText},
+        {kCreate | kSet, "acl", "public", "!jParm[\"acl\"].isObject()"},
+        {kCreate | kSet, "ctime", 1000.0, kTimeText},
+        {kCreate | kSet, "ctime", (Json::UInt64)18446744073709551615ULL, kTimeText},
     };
-    const std::set<std::string> repoBefore = Entries(m_sys.Repo()), nsBefore = Entries(m_sys.Repo() + "/note");
+    Snapshot();
     for (const auto &c : rgCases) {
         for (Op op : {kGet, kCreate, kSet, kCopy, kList}) {
             if (!(c.ops & op)) continue;
-            Json::Value jParm = Base(op);
-            c.mutate(jParm);
-            EXPECT_FALSE(Run(op, jParm)) << c.szWhat << " op " << op;
-            EXPECT_TRUE(ErrIs(c.code, c.szOrigin)) << c.szWhat << " op " << op;
+            Json::Value jParm = Base(op), *pMember = &jParm;
+            for (size_t pos = 0, end = 0; end != std::string::npos; pos = end + 1) {
+                end = c.strPath.find('/', pos);
+                pMember = &(*pMember)[c.strPath.substr(pos, end - pos)];
+            }
+            *pMember = c.jVal;
+            EXPECT_FALSE(Run(op, jParm)) << c.strPath << "=" << c.jVal.toStyledString().substr(0, 40) << " op " << op;
+            EXPECT_TRUE(ErrIs(1007, c.szOrigin)) << c.strPath << " op " << op;
         }
     }
-    ExpectNothingWritten(repoBefore, nsBefore);
+    ExpectNothingWritten();
 
     // At the limit the text is stored and read back whole.
     Json::Value jDeep = Base(kCreate);
@@ -197,7 +176,7 @@ TEST_F(ObjectRequestTest, HostileRequestsAreRefusedAtEveryEntryBeforeAnyWrite) {
 }
 
 TEST_F(ObjectRequestTest, StringHashEntriesTakeOnlyPlainDecimalRequesters) {
-    const std::set<std::string> repoBefore = Entries(m_sys.Repo()), nsBefore = Entries(m_sys.Repo() + "/note");
+    Snapshot();
     // Text that is no plain decimal number stays text and fails the
     // entry's own member test; digits out of range fail the requester test.
     const char *const kIsText = "!jParm[\"requester\"].isIntegral()";
@@ -228,7 +207,7 @@ TEST_F(ObjectRequestTest, StringHashEntriesTakeOnlyPlainDecimalRequesters) {
     std::string strVer;
     EXPECT_FALSE(KOLVVessaObjectSet(hash.get(), strVer));
     EXPECT_TRUE(ErrIs(1007, kNulText));
-    ExpectNothingWritten(repoBefore, nsBefore);
+    ExpectNothingWritten();
 }
 
 TEST_F(ObjectRequestTest, BinarySourcesNeedReadPermissionOnTheSourceObject) {
@@ -247,13 +226,13 @@ TEST_F(ObjectRequestTest, BinarySourcesNeedReadPermissionOnTheSourceObject) {
     jSet["binary_files"].append(jItem);
     Json::Value jNoID = Base(kCreate);
     jNoID["binary_files"].append(J(R"({"name":"x","format":"object"})"));
-    const std::set<std::string> repoBefore = Entries(m_sys.Repo()), nsBefore = Entries(m_sys.Repo() + "/note");
+    Snapshot();
     KOLV_VESSA_OBJECT obj;
     EXPECT_FAILS(obj.Create(jCreate), 1023, "!RequesterMayRead(jParm, strSourceID)");
     EXPECT_FAILS(obj.Set(jSet), 1023, "!RequesterMayRead(jParm, strSourceID)");
     EXPECT_FAILS(obj.Create(jNoID), 1007,
                  "!jItem[\"id\"].isString() || !kolv::IsSafePathName(jItem[\"id\"].asString())");
-    ExpectNothingWritten(repoBefore, nsBefore);
+    ExpectNothingWritten();
 
     // Shared with alice for reading: she may take the file.
     jCreate["binary_files"][0]["id"] = strShared;
