@@ -5,6 +5,7 @@
 #define KOLVVESSA_RAII_H
 
 #include <git2.h>
+#include <glob.h>
 #include <kolvplatform/kolv_platform.h>
 #include <dirent.h>
 #include <stdio.h>
@@ -40,6 +41,8 @@ using GitBlob = Owned<git_blob, git_blob_free>;
 using SzHash = Owned<TRABCSzHash, TRABCSzHashFree>;
 using SzList = Owned<TRABCSzList, TRABCSzListFree>;
 using DBResult = Owned<KOLVDBRESULT, KOLVDBFreeResult>;
+/* A connection of one's own (never the process's index connection). */
+using DBConn = Owned<KOLVDB, KOLVDBClose>;
 /* A user record of KOLVUserGet / KOLVUserGetByUID. */
 using User = Owned<KOLVUSER, KOLVUserFree>;
 
@@ -55,12 +58,16 @@ class SzListRef {
     SzListRef &operator=(const SzListRef &) = delete;
     TRABCSzList *get() const { return m_p; }
     TRABCSzList **addr() { return &m_p; }
+    /* The held pointer itself, to allocate into or to hand on by reference. */
+    TRABCSzList *&ref() { return m_p; }
 
   private:
     TRABCSzList *m_p;
 };
 
-inline void FreeChars(char *p) { free(p); }
+inline void FreeChars(char *p) {
+    free(p);
+}
 /* A malloc'ed text, as KOLVDBEscapeStringEX3 returns. */
 using CString = Owned<char, FreeChars>;
 
@@ -78,6 +85,15 @@ struct DirCloser {
 };
 /* A directory stream (its descriptor is closed with it). */
 using Dir = std::unique_ptr<DIR, DirCloser>;
+
+/* A glob result, filled or not: globfree on scope exit. Start it as
+ * glob_t tGlob = {}; kolv::Glob guard(&tGlob). */
+struct GlobFree {
+    void operator()(glob_t *p) const {
+        if (p) globfree(p);
+    }
+};
+using Glob = std::unique_ptr<glob_t, GlobFree>;
 
 /* A file descriptor closed on scope exit. */
 class Fd {
