@@ -63,13 +63,20 @@ bool IsOkStatus(ExecStatusType status) {
     return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK || status == PGRES_EMPTY_QUERY;
 }
 
-// Appends szVal escaped for a single-quoted literal. Without a connection
-// the server is taken to use standard-conforming strings: a quote is
-// doubled, a backslash is an ordinary character.
+// Appends szVal escaped for a single-quoted literal, as the connection's
+// server reads it: with standard_conforming_strings off a backslash in a
+// plain literal is an escape, so only the connection knows how to write
+// one (and whether the text is valid in its encoding). Without a
+// connection a quote is doubled, which is right either way, and a
+// backslash is refused: no guess can be right for both settings.
 bool AppendEscaped(KOLVDB *pConn, std::string &strOut, const char *szVal) {
     if (!szVal) return false;
     size_t cbVal = strlen(szVal);
     if (!pConn) {
+        if (strchr(szVal, '\\')) {
+            syslog(LOG_ERR, "%s:%d a backslash cannot be escaped without a connection", __FILE__, __LINE__);
+            return false;
+        }
         for (const char *p = szVal; *p; ++p) {
             if (*p == '\'') strOut += '\'';
             strOut += *p;

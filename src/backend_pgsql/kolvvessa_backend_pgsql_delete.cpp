@@ -8,6 +8,7 @@
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_raii.h"
+#include "index/kolvvessa_index_internal.h"
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_index.h"
 
@@ -19,7 +20,7 @@ bool KOLVVESSA_BACKEND_PGSQL::Delete(const Json::Value &jParm) {
             1, m_conn, "DELETE FROM object where ns = '@KOLV:VAR' AND id IN ", jParm["ns"].asCString()));
         if (KOLV_FAIL_IF(1000, (NULL == szSQLDelete))) return false;
         // The namespace condition runs straight into the quoted id list.
-        std::string strSQL = szSQLDelete.get() + KOLVVessaObjectEscapeStringArray(jParm["id"]);
+        std::string strSQL = szSQLDelete.get() + KOLVVessaObjectEscapeStringArrayEx(m_conn, jParm["id"]);
         // Ids without a row are no error.
         if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(m_conn, strSQL.c_str(), NULL)))) return false;
         return true;

@@ -17,6 +17,7 @@
 #include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
+#include "index/kolvvessa_index_internal.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_conf.h"
 #include "kolvvessa/kolvvessa_error.h"
@@ -60,31 +61,34 @@ void AddCond(std::string &strCondition, const std::string &strFragment) {
     strCondition += strFragment;
 }
 
-// Formats one fragment and adds it; false with 1014 when formatting fails.
-template <typename... Args> bool AddFormatted(std::string &strCondition, const char *szTemplate, Args... args) {
-    kolv::CString szFragment(KOLVDBEscapeStringEX3(1, NULL, szTemplate, args...));
+// Formats one fragment for the connection it will run on and adds it;
+// false with 1014 when formatting fails.
+template <typename... Args>
+bool AddFormatted(KOLVDB *pConn, std::string &strCondition, const char *szTemplate, Args... args) {
+    kolv::CString szFragment(KOLVDBEscapeStringEX3(1, pConn, szTemplate, args...));
     if (KOLV_FAIL_IF(1014, NULL == szFragment)) return false;
     AddCond(strCondition, szFragment.get());
     return true;
 }
 
 // One member of a text filter: its value decides the comparison.
-bool add_condition_text_member(const std::string &strName, const Json::Value &jVal, const char *szColumn,
+bool add_condition_text_member(KOLVDB *pConn, const std::string &strName, const Json::Value &jVal, const char *szColumn,
                                std::string &strCondition) {
     const char *szName = strName.c_str();
     if (jVal.isBool()) {
-        return AddFormatted(strCondition, "(@KOLV:VAR->>'@KOLV:VAR')='@KOLV:VAR'", szColumn, szName,
+        return AddFormatted(pConn, strCondition, "(@KOLV:VAR->>'@KOLV:VAR')='@KOLV:VAR'", szColumn, szName,
                             jVal.asBool() ? "true" : "false");
     }
     if (jVal.isString()) {
-        return AddFormatted(strCondition, "(@KOLV:VAR->>'@KOLV:VAR')='@KOLV:VAR'", szColumn, szName, jVal.asCString());
+        return AddFormatted(pConn, strCondition, "(@KOLV:VAR->>'@KOLV:VAR')='@KOLV:VAR'", szColumn, szName,
+                            jVal.asCString());
     }
     if (jVal.isArray()) {
         // Every element must be in the stored array; an element compares
         // by its JSON text, as the database renders it.
         for (Json::ArrayIndex i = 0; i < jVal.size(); ++i) {
             std::string strElem = kolv::JsonToString(jVal[i]);
-            if (!AddFormatted(strCondition,
+            if (!AddFormatted(pConn, strCondition,
                               "0<(SELECT COUNT(*) FROM json_array_elements(@KOLV:VAR->'@KOLV:VAR') AS elem WHERE "
                               "(elem)::text='@KOLV:VAR')",
                               szColumn, szName, strElem.c_str()))
@@ -93,62 +97,72 @@ bool add_condition_text_member(const std::string &strName, const Json::Value &jV
         return true;
     }
     std::string strVal = kolv::JsonToString(jVal);
-    return AddFormatted(strCondition, "(@KOLV:VAR->>'@KOLV:VAR')='@KOLV:VAR'", szColumn, szName, strVal.c_str());
+    return AddFormatted(pConn, strCondition, "(@KOLV:VAR->>'@KOLV:VAR')='@KOLV:VAR'", szColumn, szName, strVal.c_str());
 }
 
 // A text or meta text filter: an object of member conditions, or an array
 // of member names that must be present.
-bool add_condition_text(const Json::Value &jFilter, const char *szColumn, std::string &strCondition) {
+bool AddConditionText(KOLVDB *pConn, const Json::Value &jFilter, const char *szColumn, std::string &strCondition) {
     if (jFilter.isArray()) {
         for (Json::ArrayIndex i = 0; i < jFilter.size(); ++i) {
             if (KOLV_FAIL_IF(1007, !jFilter[i].isString())) return false;
-            if (!AddFormatted(strCondition, "(@KOLV:VAR->'@KOLV:VAR') IS NOT NULL", szColumn, jFilter[i].asCString()))
+            if (!AddFormatted(pConn, strCondition, "(@KOLV:VAR->'@KOLV:VAR') IS NOT NULL", szColumn,
+                              jFilter[i].asCString()))
                 return false;
         }
         return true;
     }
     if (KOLV_FAIL_IF(1007, !jFilter.isObject())) return false;
     for (const std::string &strName : jFilter.getMemberNames()) {
-        if (!add_condition_text_member(strName, jFilter[strName], szColumn, strCondition)) return false;
+        if (!add_condition_text_member(pConn, strName, jFilter[strName], szColumn, strCondition)) return false;
     }
     return true;
 }
 
 // A binary or meta binary filter: names of files that must be present.
-bool add_condition_binary(const Json::Value &jFilter, const char *szKind, std::string &strCondition) {
+bool AddConditionBinary(KOLVDB *pConn, const Json::Value &jFilter, const char *szKind, std::string &strCondition) {
     if (KOLV_FAIL_IF(1007, !jFilter.isArray())) return false;
     for (Json::ArrayIndex i = 0; i < jFilter.size(); ++i) {
         if (KOLV_FAIL_IF(1007, !jFilter[i].isString())) return false;
-        if (!AddFormatted(strCondition, "(@KOLV:VAR_info->'@KOLV:VAR') IS NOT NULL", szKind, jFilter[i].asCString()))
+        if (!AddFormatted(pConn, strCondition, "(@KOLV:VAR_info->'@KOLV:VAR') IS NOT NULL", szKind,
+                          jFilter[i].asCString()))
             return false;
     }
     return true;
 }
 
-bool add_condition_parent(const Json::Value &jParent, std::string &strCondition) {
+bool add_condition_parent(KOLVDB *pConn, const Json::Value &jParent, std::string &strCondition) {
     if (jParent.isArray()) {
-        AddCond(strCondition, "parent_id IN " + KOLVVessaObjectEscapeStringArray(jParent));
+        AddCond(strCondition, "parent_id IN " + KOLVVessaObjectEscapeStringArrayEx(pConn, jParent));
         return true;
     }
     if (KOLV_FAIL_IF(1007, !jParent.isString())) return false;
-    return AddFormatted(strCondition, "parent_id = '@KOLV:VAR'", jParent.asCString());
+    return AddFormatted(pConn, strCondition, "parent_id = '@KOLV:VAR'", jParent.asCString());
 }
 
 // The excluded owners; an empty list excludes nobody.
-bool add_condition_not_owner(const Json::Value &jOwners, std::string &strCondition) {
+bool add_condition_not_owner(KOLVDB *pConn, const Json::Value &jOwners, std::string &strCondition) {
     if (KOLV_FAIL_IF(1007, !jOwners.isArray())) return false;
     if (jOwners.empty()) return true;
-    AddCond(strCondition, " owner NOT IN " + KOLVVessaObjectEscapeStringArray(jOwners));
+    AddCond(strCondition, " owner NOT IN " + KOLVVessaObjectEscapeStringArrayEx(pConn, jOwners));
     return true;
 }
 
 // The filter fragments but the owner's, in a fixed order.
-bool BuildFilterCondition(const Json::Value &jParm, std::string &strCondition) {
+bool BuildFilterCondition(KOLVDB *pConn, const Json::Value &jParm, std::string &strCondition) {
+    // Bound to the connection here, so that a failure names the call as
+    // the listing has always named it.
+    auto add_condition_text = [pConn](const Json::Value &jFilter, const char *szColumn, std::string &strCond) {
+        return AddConditionText(pConn, jFilter, szColumn, strCond);
+    };
+    auto add_condition_binary = [pConn](const Json::Value &jFilter, const char *szKind, std::string &strCond) {
+        return AddConditionBinary(pConn, jFilter, szKind, strCond);
+    };
     const Json::Value &jFilter = jParm["filter"];
-    if (jFilter.isMember("parent_id") && !add_condition_parent(jFilter["parent_id"], strCondition)) return false;
+    if (jFilter.isMember("parent_id") && !add_condition_parent(pConn, jFilter["parent_id"], strCondition)) return false;
     if (jFilter.isMember("category")) {
         if (KOLV_FAIL_IF(1007, !jFilter["category"].isString())) return false;
-        if (!AddFormatted(strCondition, "category = '@KOLV:VAR'", jFilter["category"].asCString())) return false;
+        if (!AddFormatted(pConn, strCondition, "category = '@KOLV:VAR'", jFilter["category"].asCString())) return false;
     }
     if (jFilter.isMember("text") && KOLV_APPEND_IF(!add_condition_text(jParm["filter"]["text"], "text", strCondition)))
         return false;
@@ -161,20 +175,21 @@ bool BuildFilterCondition(const Json::Value &jParm, std::string &strCondition) {
     if (jFilter.isMember("metabinary") &&
         KOLV_APPEND_IF(!add_condition_binary(jParm["filter"]["metabinary"], "metabinary", strCondition)))
         return false;
-    if (jFilter.isMember("_not_owner_") && !add_condition_not_owner(jFilter["_not_owner_"], strCondition)) return false;
+    if (jFilter.isMember("_not_owner_") && !add_condition_not_owner(pConn, jFilter["_not_owner_"], strCondition))
+        return false;
     return true;
 }
 
 // The namespace (none for the root requester asking for "*"), then the
 // filter.
-bool BuildCondition(const Json::Value &jParm, uid_t requester, std::string &strCondition) {
+bool BuildCondition(KOLVDB *pConn, const Json::Value &jParm, uid_t requester, std::string &strCondition) {
     std::string strNs = jParm["ns"].asString();
     if (!(UID_ROOT == requester && strNs == "*")) {
-        if (!AddFormatted(strCondition, "ns = '@KOLV:VAR'", strNs.c_str())) return false;
+        if (!AddFormatted(pConn, strCondition, "ns = '@KOLV:VAR'", strNs.c_str())) return false;
     }
     if (!jParm.isMember("filter")) return true;
     if (KOLV_FAIL_IF(1007, !jParm["filter"].isObject())) return false;
-    return BuildFilterCondition(jParm, strCondition);
+    return BuildFilterCondition(pConn, jParm, strCondition);
 }
 
 // A uid member; -1 is the anonymous requester (UID_ERR).
@@ -198,7 +213,8 @@ bool IsDecimal(const char *sz) {
 // The select of Data model: basic columns and the ACL always, the JSON
 // columns whose key "field" has (whatever its value), newest first. Equal
 // times are ordered by id so that pages never overlap.
-bool BuildSelect(const Json::Value &jParm, const std::string &strCondition, bool blPaged, std::string &strSql) {
+bool BuildSelect(KOLVDB *pConn, const Json::Value &jParm, const std::string &strCondition, bool blPaged,
+                 std::string &strSql) {
     strSql = "SELECT id, ns, category, parent_id, version, owner, mtime, ctime, acl";
     const Json::Value &jField = jParm["field"];
     for (const char *szColumn : rgJsonColumns) {
@@ -207,11 +223,11 @@ bool BuildSelect(const Json::Value &jParm, const std::string &strCondition, bool
     strSql += " FROM object WHERE " + (strCondition.empty() ? std::string("TRUE") : strCondition);
     strSql += " ORDER BY mtime DESC, id DESC ";
     if (!blPaged) return true;
+    // A negative offset goes to the database as it is, which refuses it.
     int offset = jParm["offset"].asInt(), limit = jParm["limit"].asInt();
-    if (offset < 0) offset = 0;
     kolv::CString szPage(limit < 0
-                             ? KOLVDBEscapeStringEX3(1, NULL, " OFFSET @KOLV:INT ", offset)
-                             : KOLVDBEscapeStringEX3(1, NULL, " OFFSET @KOLV:INT LIMIT @KOLV:INT ", offset, limit));
+                             ? KOLVDBEscapeStringEX3(1, pConn, " OFFSET @KOLV:INT ", offset)
+                             : KOLVDBEscapeStringEX3(1, pConn, " OFFSET @KOLV:INT LIMIT @KOLV:INT ", offset, limit));
     if (KOLV_FAIL_IF(1014, NULL == szPage)) return false;
     strSql += szPage.get();
     return true;
@@ -286,21 +302,16 @@ KOLV_VESSA_OBJECT *RowToObject(KOLVDBRESULT *pResult, int Row, const Json::Value
     return pObject;
 }
 
-// Frees a platform string list on every path; the list may be moved by
-// the calls that grow it.
-struct SzListHolder {
-    TRABCSzList *pList = NULL;
-    ~SzListHolder() { TRABCSzListFree(pList); }
-};
-
 // The condition that keeps the objects of others that the requester may
 // see: not the requester's, shared, and of none of the owners who switched
 // sharing off in the namespace.
-bool BuildSharedCondition(const std::string &strNs, uid_t requester, std::string &strCondition) {
-    if (!AddFormatted(strCondition, "owner != @KOLV:LLINT", (long long)requester)) return false;
+bool BuildSharedCondition(KOLVDB *pConn, const std::string &strNs, uid_t requester, std::string &strCondition) {
+    if (!AddFormatted(pConn, strCondition, "owner != @KOLV:LLINT", (long long)requester)) return false;
     AddCond(strCondition, szCondShared);
-    SzListHolder holder;
-    TRABCSzList *&pList = holder.pList;
+    // The calls that grow the list may move it: the guard frees whatever
+    // it holds last.
+    kolv::SzListRef list;
+    TRABCSzList *&pList = list.ref();
     if (KOLV_FAIL_IF(1014, NULL == (pList = TRABCSzListAlloc(BUFSIZ)))) return false;
     if (KOLV_APPEND_IF(0 > KOLVVessaSettingsNoSharingUserList(strNs.c_str(), &pList))) return false;
     for (int i = 0; i < TRABCSzListCount(pList); ++i) {
@@ -308,7 +319,7 @@ bool BuildSharedCondition(const std::string &strNs, uid_t requester, std::string
         // The fragment takes the uid unquoted; anything but a decimal uid
         // could not match an owner anyway.
         if (!IsDecimal(szUser)) continue;
-        if (!AddFormatted(strCondition, "owner != @KOLV:VAR", szUser)) return false;
+        if (!AddFormatted(pConn, strCondition, "owner != @KOLV:VAR", szUser)) return false;
     }
     return true;
 }
@@ -327,7 +338,7 @@ int KOLVVESSA_BACKEND_PGSQL::ExecuteSelectObjectList(const Json::Value &jParm, c
     // Only a query without per-row checks can be paged by the database.
     bool blPaged = !blCheckSharing && !blCalcPerm;
     std::string strSql;
-    if (!BuildSelect(jParm, strCondition, blPaged, strSql)) return -1;
+    if (!BuildSelect(m_conn, jParm, strCondition, blPaged, strSql)) return -1;
     KOLVDBRESULT *pResult = NULL;
     if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(m_conn, strSql.c_str(), &pResult)))) return -1;
     kolv::DBResult guard(pResult);
@@ -373,7 +384,7 @@ static int ListOneOwner(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jP
         if (!KOLVVessaObjectOwnerIsValid(owner)) return 0;
         if (blOther && !KOLVVessaSharingCheck(jParm["ns"].asCString(), owner)) return 0;
     }
-    if (!AddFormatted(strCondition, "owner = @KOLV:LLINT", (long long)owner)) return -1;
+    if (!AddFormatted(pBackend->m_conn, strCondition, "owner = @KOLV:LLINT", (long long)owner)) return -1;
     if (blOther) {
         AddCond(strCondition, szCondShared);
         return pBackend->ExecuteSelectObjectList(jParm, strCondition, false, true, ppHead, total);
@@ -389,7 +400,7 @@ static int ListOwnThenShared(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Valu
                              const std::string &strCondition, uid_t requester, KOLV_VESSA_OBJECT **ppHead,
                              unsigned int &total) {
     std::string strOwn = strCondition, strShared = strCondition;
-    if (!AddFormatted(strOwn, "owner = @KOLV:LLINT", (long long)requester)) return -1;
+    if (!AddFormatted(pBackend->m_conn, strOwn, "owner = @KOLV:LLINT", (long long)requester)) return -1;
     KOLV_VESSA_OBJECT *pHead = NULL;
     unsigned total1 = 0, total2 = 0;
     int cnt1 = pBackend->ExecuteSelectObjectList(jParm, strOwn, false, false, &pHead, total1);
@@ -400,7 +411,7 @@ static int ListOwnThenShared(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Valu
         ppTail = &(*ppTail)->m_next;
     std::string strNs = jParm["ns"].asString();
     int cnt2 = -1;
-    if (BuildSharedCondition(strNs, requester, strShared)) {
+    if (BuildSharedCondition(pBackend->m_conn, strNs, requester, strShared)) {
         cnt2 = pBackend->ExecuteSelectObjectList(jParm, strShared, true, true, ppTail, total2);
     }
     if (cnt2 < 0) {
@@ -420,7 +431,7 @@ static int ListChecked(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jPa
     if (KOLV_FAIL_IF(1007, !jParm.isMember("limit"))) return -1;
     uid_t requester = JsonUid(jParm["requester"]);
     std::string strCondition;
-    if (!BuildCondition(jParm, requester, strCondition)) return -1;
+    if (!BuildCondition(pBackend->m_conn, jParm, requester, strCondition)) return -1;
     if (jParm["filter"].isObject() && jParm["filter"].isMember("owner")) {
         return ListOneOwner(pBackend, jParm, strCondition, requester, ppHead, total);
     }

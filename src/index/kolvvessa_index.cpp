@@ -49,11 +49,6 @@ KOLVDB *gpConn = NULL;
 pid_t gOpenerPid = 0;
 bool gblAtExitRegistered = false;
 
-struct GlobFree {
-    void operator()(glob_t *p) const { globfree(p); }
-};
-using GlobGuard = std::unique_ptr<glob_t, GlobFree>;
-
 // The database is taken to be missing when the first connect fails: create
 // it, connect again and lay down the schema. Called with gConnLock held.
 KOLVDB *CreateAndConnect() {
@@ -80,13 +75,14 @@ int ReadVacuumCount(const std::string &strFile) {
 // is, so the next counted exit tries again.
 bool RunVacuum() {
     if (KOLV_FAIL_IF(1024, FALSE == TRABServiceIsRunning(SZ_PGSQL_SERVICE_NAME))) return false;
-    KOLVDB *pVacuumConn = KOLVDBConnect(NULL, "postgres", NULL, "kolvvessa");
+    kolv::DBConn connGuard(KOLVDBConnect(NULL, "postgres", NULL, "kolvvessa"));
+    KOLVDB *pVacuumConn = connGuard.get();
     if (KOLV_FAIL_IF(1000, NULL == pVacuumConn)) return false;
     const char *szSQL = "VACUUM ANALYZE";
     KOLVDBRESULT *pResult = NULL;
     bool blRet = !KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(pVacuumConn, szSQL, &pResult)));
-    KOLVDBFreeResult(pResult);
-    KOLVDBClose(pVacuumConn);
+    // The result goes before its connection.
+    kolv::DBResult resultGuard(pResult);
     return blRet;
 }
 
@@ -114,12 +110,13 @@ void CountExitAndVacuum() {
 }
 
 bool clear_index(KOLVDB *pConn, const Json::Value &jParam) {
-    kolv::CString szSQLDelete(
+    kolv::CString sqlGuard(
         jParam.isMember("ns")
             ? KOLVDBEscapeStringEX3(1, pConn, "DELETE FROM object WHERE ns='@KOLV:VAR'", jParam["ns"].asCString())
             : KOLVDBEscapeStringEX3(1, pConn, "DELETE FROM object"));
+    const char *szSQLDelete = sqlGuard.get();
     if (KOLV_FAIL_IF(1000, NULL == szSQLDelete)) return false;
-    if (KOLV_FAIL_IF(1000, 0 > KOLVDBExecute(pConn, szSQLDelete.get(), NULL))) return false;
+    if (KOLV_FAIL_IF(1000, 0 > KOLVDBExecute(pConn, szSQLDelete, NULL))) return false;
     if (KOLV_FAIL_IF(1000, 0 > KOLVDBExecute(pConn, "VACUUM FULL;", NULL))) return false;
     return true;
 }
@@ -127,7 +124,7 @@ bool clear_index(KOLVDB *pConn, const Json::Value &jParam) {
 // Every namespace of the repository, in byte order.
 bool ReindexAll(KOLVDB *pConn, const std::string &strRepo) {
     glob_t tGlob = {};
-    GlobGuard guard(&tGlob);
+    kolv::Glob guard(&tGlob);
     int ret = glob((strRepo + "/*").c_str(), GLOB_ERR, NULL, &tGlob);
     if (GLOB_NOMATCH == ret) return true;
     if (KOLV_FAIL_IF(1000, 0 != ret)) return false;
@@ -183,7 +180,7 @@ bool KOLVVessaReindexByNs(KOLVDB *pConn, const std::string &strRepo, const char 
     if (KOLV_FAIL_IF(1007, NULL == szNs || !kolv::IsSafePathName(szNs))) return false;
     std::string strDir = strRepo + "/" + szNs;
     glob_t tGlob = {};
-    GlobGuard guard(&tGlob);
+    kolv::Glob guard(&tGlob);
     int ret = glob((strDir + "/*").c_str(), GLOB_ERR, NULL, &tGlob);
     if (GLOB_NOMATCH == ret) return true;
     if (KOLV_FAIL_IF(1000, 0 != ret)) return false;

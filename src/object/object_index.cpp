@@ -3,12 +3,17 @@
  * chain of objects replaces its rows in one statement; reindex asks for
  * one value tuple at a time.
  */
+#include <string.h>
+#include <syslog.h>
+
 #include <string>
+#include <vector>
 
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
+#include "index/kolvvessa_index_internal.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_index.h"
@@ -85,6 +90,35 @@ char *FormatUpsert(KOLVDB *pConn, const IndexRow &r) {
         r.strId.c_str());
 }
 
+// Strings and member names of a JSON value, walked without recursion so
+// that no depth of hand-made JSON can exhaust the stack.
+bool JsonHoldsNul(const Json::Value &jRoot) {
+    std::vector<const Json::Value *> vStack{&jRoot};
+    while (!vStack.empty()) {
+        const Json::Value *pVal = vStack.back();
+        vStack.pop_back();
+        if (pVal->isString()) {
+            const char *szBegin = NULL, *szEnd = NULL;
+            if (pVal->getString(&szBegin, &szEnd) && memchr(szBegin, '\0', szEnd - szBegin)) return true;
+        } else if (pVal->isObject()) {
+            for (Json::Value::const_iterator it = pVal->begin(); it != pVal->end(); ++it) {
+                const char *szEnd = NULL;
+                const char *szName = it.memberName(&szEnd);
+                if (szName && memchr(szName, '\0', szEnd - szName)) return true;
+                vStack.push_back(&*it);
+            }
+        } else if (pVal->isArray()) {
+            for (const Json::Value &jElem : *pVal)
+                vStack.push_back(&jElem);
+        }
+    }
+    return false;
+}
+
+bool StringHoldsNul(const std::string &str) {
+    return std::string::npos != str.find('\0');
+}
+
 // Reads one object with every field. The one uid serves as requester and
 // as owner of the read, deliberately.
 bool ReadForIndex(const char *szID, const char *szNs, uid_t uid, KOLV_VESSA_OBJECT &Object) {
@@ -98,15 +132,48 @@ bool ReadForIndex(const char *szID, const char *szNs, uid_t uid, KOLV_VESSA_OBJE
     return true;
 }
 
+// The quoted list element by element; false after the first failure.
+bool AppendEscapedElements(KOLVDB *pConn, const Json::Value &jsArray, std::string &strOut) {
+    if (jsArray.isString()) {
+        kolv::CString szSQL(KOLVDBEscapeStringEX3(1, pConn, "'@KOLV:VAR'", jsArray.asCString()));
+        if (KOLV_APPEND_IF(!szSQL)) return false;
+        strOut += szSQL.get();
+        return true;
+    }
+    if (KOLV_APPEND_IF(!jsArray.isArray())) return false;
+    for (Json::ArrayIndex i = 0; i < jsArray.size(); ++i) {
+        kolv::CString szSQL(KOLVDBEscapeStringEX3(1, pConn, "'@KOLV:VAR'", jsArray[i].asString().c_str()));
+        if (KOLV_APPEND_IF(NULL == szSQL)) return false;
+        strOut += szSQL.get();
+        if (i + 1 < jsArray.size()) strOut += ",";
+    }
+    return true;
+}
+
 } // namespace
+
+bool KOLVVessaObjectHoldsNul(const KOLV_VESSA_OBJECT &Object) {
+    for (const std::string &str :
+         {Object.get_id(), Object.get_ns(), Object.get_category(), Object.get_parent_id(), Object.get_version()}) {
+        if (StringHoldsNul(str)) return true;
+    }
+    for (const Json::Value &jVal : {Object.get_commit_msg(), Object.get_acl(), Object.get_text(), Object.get_metatext(),
+                                    Object.get_binary_info(), Object.get_metabinary_info(), Object.get_extra_info()}) {
+        if (JsonHoldsNul(jVal)) return true;
+    }
+    return false;
+}
 
 bool KOLVVessaObjectIndexEx(KOLVDB *pConn, const char *szID, const char *szNs, uid_t requester) {
     return KOLV_NO_THROW_AS(false, 1000, "index aborted", [&]() -> bool {
         KOLV_VESSA_OBJECT Object;
         if (!ReadForIndex(szID, szNs, requester, Object)) return false;
-        kolv::CString szSQLUpsert(FormatUpsert(pConn, IndexRow(Object)));
+        // The old row, if any, stays as it was.
+        if (KOLV_FAIL_IF(1007, KOLVVessaObjectHoldsNul(Object))) return false;
+        kolv::CString sqlGuard(FormatUpsert(pConn, IndexRow(Object)));
+        const char *szSQLUpsert = sqlGuard.get();
         if (KOLV_FAIL_IF(1000, (NULL == szSQLUpsert))) return false;
-        if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(pConn, szSQLUpsert.get(), NULL)))) return false;
+        if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(pConn, szSQLUpsert, NULL)))) return false;
         return true;
     });
 }
@@ -124,54 +191,61 @@ bool KOLVVessaObjectCreateIndexValue(const char *szID, const char *szNs, uid_t o
     return KOLV_NO_THROW_AS(false, 1000, "index value aborted", [&]() -> bool {
         KOLV_VESSA_OBJECT Object;
         if (!ReadForIndex(szID, szNs, owner, Object)) return false;
-        // The tuple is escaped for standard-conforming strings, the
-        // server's default; no connection is needed to build it.
-        kolv::CString szSQLUpsert(FormatValue(NULL, IndexRow(Object)));
+        if (KOLV_FAIL_IF(1007, KOLVVessaObjectHoldsNul(Object))) return false;
+        // Reindex runs its INSERT on the process's connection: escape for it.
+        KOLVDB *pConn = NULL;
+        if (KOLV_APPEND_IF(NULL == (pConn = KOLVVessaOpenConn()))) return false;
+        kolv::CString sqlGuard(FormatValue(pConn, IndexRow(Object)));
+        const char *szSQLUpsert = sqlGuard.get();
         if (KOLV_APPEND_IF(!szSQLUpsert)) return false;
-        strOut.assign(szSQLUpsert.get());
+        strOut.assign(szSQLUpsert);
         return true;
     });
 }
 
-std::string KOLVVessaObjectEscapeStringArray(const Json::Value &jsArray) {
+std::string KOLVVessaObjectEscapeStringArrayEx(KOLVDB *pConn, const Json::Value &jsArray) {
     std::string strOut = "(";
     // asString of an object or array element throws; the list stays short.
-    KOLV_NO_THROW_AS(false, 1000, "escape of a list element aborted", [&]() -> bool {
-        if (jsArray.isString()) {
-            kolv::CString szSQL(KOLVDBEscapeStringEX3(1, NULL, "'@KOLV:VAR'", jsArray.asCString()));
-            if (!KOLV_APPEND_IF(!szSQL)) strOut += szSQL.get();
-        } else if (KOLV_APPEND_IF(!jsArray.isArray())) {
-            // nothing to list
-        } else {
-            for (Json::ArrayIndex i = 0; i < jsArray.size(); ++i) {
-                kolv::CString szSQL(KOLVDBEscapeStringEX3(1, NULL, "'@KOLV:VAR'", jsArray[i].asString().c_str()));
-                if (KOLV_APPEND_IF(NULL == szSQL)) break;
-                strOut += szSQL.get();
-                if (i + 1 < jsArray.size()) strOut += ",";
-            }
-        }
-        return true;
-    });
+    KOLV_NO_THROW_AS(false, 1000, "escape of a list element aborted",
+                     [&]() -> bool { return AppendEscapedElements(pConn, jsArray, strOut); });
     strOut += ")";
     return strOut;
+}
+
+std::string KOLVVessaObjectEscapeStringArray(const Json::Value &jsArray) {
+    KOLVDB *pConn = NULL;
+    if (KOLV_APPEND_IF(NULL == (pConn = KOLVVessaOpenConn()))) return "()";
+    return KOLVVessaObjectEscapeStringArrayEx(pConn, jsArray);
 }
 
 bool KOLVVessaObjectBatchIndexEx(KOLV_VESSA_OBJECT *pList, KOLVDB *pConn) {
     if (KOLV_APPEND_IF(NULL == pConn)) return false;
     return KOLV_NO_THROW_AS(false, 1000, "batch index aborted", [&]() -> bool {
-        std::string strValues = szSQLBatchInsertPrefix;
+        std::string strValues;
         Json::Value jIds(Json::arrayValue);
         for (KOLV_VESSA_OBJECT *pObject = pList; pObject; pObject = pObject->m_next) {
             IndexRow Row(*pObject);
+            kolv::CString szValue(KOLVVessaObjectHoldsNul(*pObject) ? NULL : FormatValue(pConn, Row));
+            if (!szValue) {
+                // As in reindex, one object whose row cannot be written
+                // (a NUL, text invalid in the database's encoding) is
+                // logged and left out, its old row untouched; the others
+                // go on.
+                syslog(LOG_ERR, "%s:%d fail to index object ns=%s, id=%s", __FILE__, __LINE__, Row.strNs.c_str(),
+                       Row.strId.c_str());
+                continue;
+            }
             jIds.append(Row.strId);
-            kolv::CString szValue(FormatValue(pConn, Row));
-            if (KOLV_FAIL_IF(1000, NULL == szValue)) return false;
+            if (!strValues.empty()) strValues += ",";
             strValues += szValue.get();
-            strValues += pObject->m_next ? "," : ";";
         }
+        // Nothing left to write of a chain that had objects: done. An empty
+        // chain still goes to the database, which refuses it.
+        if (pList && jIds.empty()) return true;
         // One DELETE of every id and one multi-row INSERT, in one execution:
         // a failure leaves every row of the batch as it was.
-        std::string strSQL = szSQLBatchDeletePrefix + KOLVVessaObjectEscapeStringArray(jIds) + "; " + strValues;
+        std::string strSQL = szSQLBatchDeletePrefix + KOLVVessaObjectEscapeStringArrayEx(pConn, jIds) + "; " +
+                             szSQLBatchInsertPrefix + strValues + ";";
         if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(pConn, strSQL.c_str(), NULL)))) return false;
         return true;
     });

@@ -12,6 +12,7 @@
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_index.h"
 #include "kolvvessa/kolvvessa_object.h"
+#include "index/sql_corpus.h"
 #include "support/kolv_test_support.h"
 
 namespace {
@@ -224,43 +225,84 @@ TEST_F(ListTest, EveryFilterForm) {
                                          "strCondition)"));
 }
 
-TEST_F(ListTest, HostileTextIsMatchedAsDataNeverRun) {
-    const std::string strNs = "n'o\\te; --";
-    const std::string strCategory = "c'); DROP TABLE object; --";
-    const std::string strId = "id'; DELETE FROM object; --";
-    Rows rows;
-    KOLV_VESSA_OBJECT *p = rows.Add(strId, kAlice, 10, Acl("ro"), strNs);
-    p->set_category(strCategory);
-    p->set_parent_id("p'\\1");
-    Json::Value jText;
-    jText["ti'tle"] = "va'l\\ue \xe2\x9c\x93 \"q\"";
-    p->set_text(jText);
-    rows.Add("plain", kAlice, 5, Acl("ro"), strNs);
-    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
-    m_sys.EnableNamespace(strNs); // a user lists only in a namespace switched on
+// The backend's own listing, as the front end calls it: "id/perm", "ERR".
+std::string BackendList(Json::Value jParm) {
+    std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
+    jParm["offset"] = 0;
+    jParm["limit"] = -1;
+    KOLV_VESSA_OBJECT *pHead = nullptr;
+    unsigned total = 0;
+    int count = pBackend->List(jParm, &pHead, total);
+    if (count < 0) return "ERR";
+    std::string str;
+    for (KOLV_VESSA_OBJECT *p = pHead; p; p = p->m_next)
+        str += (str.empty() ? "" : ",") + p->get_id() + "/" + p->get_perm();
+    KOLVVessaObjectFreeList(pHead);
+    return str;
+}
 
-    Json::Value jParm = Request(kAlice, strNs);
-    EXPECT_EQ(strId + "/owner,plain/owner", List(jParm));
-    jParm["filter"]["category"] = strCategory;
-    EXPECT_EQ(strId + "/owner", List(jParm));
-    jParm["filter"]["parent_id"].append("p'\\1");
-    EXPECT_EQ(strId + "/owner", List(jParm));
-    jParm["filter"]["text"] = jText;
-    EXPECT_EQ(strId + "/owner", List(jParm));
-    jParm["filter"]["text"] = Json::Value(Json::arrayValue);
-    jParm["filter"]["text"].append("ti'tle");
-    EXPECT_EQ(strId + "/owner", List(jParm));
-    jParm["filter"]["binary"].append("x'); --");
-    EXPECT_EQ("", List(jParm));
-    // Seen by bob through the shared part, paged in code.
-    EXPECT_EQ(strId + "/ro,plain/ro", List(Request(kBob, strNs)));
+// With standard_conforming_strings off a backslash in a plain literal
+// escapes the next character: only the connection's own escaping keeps
+// such a value inside its literal. Every value is in every string column
+// and every filter form; alice's filtered listings find her object and
+// never bob's private one, nothing the values say is run.
+TEST_F(ListTest, InjectionCorpusIsDataWithNonStandardStrings) {
+    KOLVDB *pConn = KOLVVessaOpenConn();
+    ASSERT_NE(nullptr, pConn) << kolvtest::StackText();
+    ASSERT_EQ(0, KOLVDBExecute(pConn, "SET standard_conforming_strings = off", NULL));
+    Rows rows;
+    for (const std::string s : kolvtest::kSqlInjectionCorpus) {
+        KOLV_VESSA_OBJECT *p = rows.Add("a" + s, kAlice, 20, Acl(nullptr), "n" + s);
+        p->set_category(s);
+        p->set_parent_id(s);
+        Json::Value jText;
+        jText[s] = s;
+        jText["arr"].append(s);
+        p->set_text(jText);
+        p->set_metatext(jText);
+        p->set_binary_info(jText);
+        p->set_metabinary_info(jText);
+        rows.Add("b" + s, kBob, 10, Acl(nullptr), "n" + s);
+    }
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+    const size_t cValues = sizeof(kolvtest::kSqlInjectionCorpus) / sizeof(kolvtest::kSqlInjectionCorpus[0]);
+    EXPECT_EQ(std::to_string(2 * cValues), kolvtest::Psql("SELECT count(*) FROM object;"));
+
+    for (const std::string s : kolvtest::kSqlInjectionCorpus) {
+        Json::Value jArr(Json::arrayValue);
+        jArr.append(s);
+        Json::Value rgFilters[12];
+        rgFilters[1]["category"] = s;
+        rgFilters[2]["parent_id"] = s;
+        rgFilters[3]["parent_id"] = jArr;
+        rgFilters[4]["text"][s] = s;
+        rgFilters[5]["text"]["arr"] = jArr;
+        rgFilters[6]["text"] = jArr;
+        rgFilters[7]["metatext"][s] = s;
+        rgFilters[8]["metatext"] = jArr;
+        rgFilters[9]["binary"] = jArr;
+        rgFilters[10]["metabinary"] = jArr;
+        rgFilters[11]["category"] = s;
+        rgFilters[11]["text"][s] = s;
+        for (const Json::Value &jFilter : rgFilters) {
+            Json::Value jParm = Request(kAlice, "n" + s);
+            if (!jFilter.isNull()) jParm["filter"] = jFilter;
+            EXPECT_EQ("a" + s + "/owner", BackendList(jParm)) << jParm.toStyledString();
+            jParm["requester"] = kBob;
+            EXPECT_EQ(jFilter.isNull() ? "b" + s + "/owner" : "", BackendList(jParm)) << jParm.toStyledString();
+        }
+    }
 
     std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
-    Json::Value jDel;
-    jDel["ns"] = strNs;
-    jDel["id"] = strId;
-    ASSERT_TRUE(pBackend->Delete(jDel)) << kolvtest::StackText();
-    EXPECT_EQ("plain", kolvtest::Psql("SELECT id FROM object;"));
+    for (const std::string s : kolvtest::kSqlInjectionCorpus) {
+        Json::Value jDel;
+        jDel["ns"] = "n" + s;
+        jDel["id"] = "a" + s;
+        ASSERT_TRUE(pBackend->Delete(jDel)) << kolvtest::StackText();
+    }
+    EXPECT_EQ(std::to_string(cValues) + "|" + std::to_string(cValues),
+              kolvtest::Psql("SELECT count(*), count(*) FILTER (WHERE owner = 1102) FROM object;"));
+    EXPECT_EQ("0", kolvtest::Psql("SELECT count(*) FROM pg_tables WHERE tablename = 'pwned';"));
 }
 
 TEST_F(ListTest, PagesOfEqualTimesNeverOverlap) {
@@ -322,6 +364,17 @@ TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
     EXPECT_EQ(-1, pBackend->List(Request(kAlice), &pHead, total));
     EXPECT_EQ(1007, KOLVVessaErrCodeGet());
     EXPECT_EQ("!jParm.isMember(\"offset\")", kolvtest::OriginMsg());
+    Json::Value jParm = Request(kAlice);
+    jParm["offset"] = 0;
+    EXPECT_EQ(-1, pBackend->List(jParm, &pHead, total));
+    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
+    EXPECT_EQ("!jParm.isMember(\"limit\")", kolvtest::OriginMsg());
+
+    // A negative offset is the database's to refuse.
+    jParm["offset"] = -1;
+    EXPECT_EQ("ERR", List(jParm));
+    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
+    EXPECT_EQ("(0 != KOLVDBExecute(m_conn, strSql.c_str(), &pResult))", kolvtest::OriginMsg());
 }
 
 TEST_F(ListTest, StringHashFormMatchesTheJsonForm) {

@@ -8,6 +8,7 @@
 #include "common/kolvvessa_raii.h"
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_index.h"
+#include "index/sql_corpus.h"
 #include "support/kolv_test_support.h"
 
 namespace {
@@ -72,8 +73,10 @@ TEST_F(IndexDbTest, StoppedServiceFailsWithoutCreatingTheDatabase) {
 }
 
 TEST_F(IndexDbTest, EscapeFormatsEveryPlaceholderKind) {
-    // Standard-conforming strings: a quote is doubled, a backslash stays.
-    EXPECT_EQ("v='it''s a \\ ok'", Escape(NULL, "v='@KOLV:VAR'", "it's a \\ ok"));
+    // Without a connection a quote is doubled; a backslash, whose meaning
+    // depends on the server's standard_conforming_strings, is refused.
+    EXPECT_EQ("v='it''s ok'", Escape(NULL, "v='@KOLV:VAR'", "it's ok"));
+    EXPECT_EQ("<null>", Escape(NULL, "v='@KOLV:VAR'", "a \\' OR true --"));
     EXPECT_EQ("no placeholder", Escape(NULL, "no placeholder", "unused"));
     EXPECT_EQ("<null>", Escape(NULL, "v='@KOLV:VAR'", NULL));
     EXPECT_EQ(nullptr, KOLVDBEscapeStringEX3(2, NULL, "x"));
@@ -82,19 +85,23 @@ TEST_F(IndexDbTest, EscapeFormatsEveryPlaceholderKind) {
     // A value that looks like a placeholder is data, not a template.
     EXPECT_STREQ("-5,4294967295,'@KOLV:INT'@KOLV:X", szNums.get());
 
+    // With the connection, whatever the value and the setting, the literal
+    // holds it exactly; text invalid in the connection's encoding is refused.
     KOLVDB *pConn = KOLVVessaOpenConn();
     ASSERT_NE(nullptr, pConn) << kolvtest::StackText();
-    EXPECT_EQ("v='it''s a \\ ok'", Escape(pConn, "v='@KOLV:VAR'", "it's a \\ ok"));
-    // Whatever the value, the literal holds it exactly.
-    const char *szNasty = "'; DROP TABLE object; -- \\' \xc3\xa9\xe2\x9c\x93";
-    std::string strSQL = Escape(pConn, "SELECT '@KOLV:VAR' AS v", szNasty);
-    KOLVDBRESULT *pRaw = NULL;
-    ASSERT_EQ(0, KOLVDBExecute(pConn, strSQL.c_str(), &pRaw));
-    kolv::DBResult pResult(pRaw);
-    int row = -1;
-    ASSERT_EQ(0, KOLVDBFetchRow(pResult.get(), &row));
-    EXPECT_STREQ(szNasty, KOLVDBFetchField(pResult.get(), row, "v"));
-    EXPECT_EQ(-1, KOLVDBFetchRow(pResult.get(), &row));
+    EXPECT_EQ("<null>", Escape(pConn, "v='@KOLV:VAR'", "bad \xff\xfe utf-8"));
+    for (const char *szSetting : {"on", "off"}) {
+        ASSERT_EQ(0,
+                  KOLVDBExecute(pConn, (std::string("SET standard_conforming_strings = ") + szSetting).c_str(), NULL));
+        for (const char *szNasty : kolvtest::kSqlInjectionCorpus) {
+            std::string strSQL = Escape(pConn, "SELECT '@KOLV:VAR' AS v", szNasty);
+            KOLVDBRESULT *pRaw = NULL;
+            ASSERT_EQ(0, KOLVDBExecute(pConn, strSQL.c_str(), &pRaw)) << szSetting << " " << strSQL;
+            kolv::DBResult pResult(pRaw);
+            ASSERT_EQ(1, KOLVDBResultRows(pResult.get())) << szSetting << " " << strSQL;
+            EXPECT_STREQ(szNasty, KOLVDBFetchField(pResult.get(), 0, "v")) << szSetting;
+        }
+    }
 }
 
 TEST_F(IndexDbTest, ExecuteRunsSeveralStatementsAndReturnsTheLast) {
