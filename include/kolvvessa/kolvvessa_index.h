@@ -33,17 +33,23 @@ KOLV_EXPORT bool KOLVVessaReindex(const Json::Value &jParam);
  * that is not a plain directory name, 1000 when the INSERT fails. */
 KOLV_EXPORT bool KOLVVessaReindexByNs(KOLVDB *pConn, const std::string &strRepo, const char *szNs);
 
-/* Upserts the row of one object, read as requester. */
+/* Upserts the row of one object, read as requester. An object holding a
+ * NUL in any value or member name is refused (1007), as is one whose text
+ * the database's encoding cannot hold (1000): its old row stands. */
 KOLV_EXPORT bool KOLVVessaObjectIndex(const char *szID, const char *szNs, uid_t requester);
 KOLV_EXPORT bool KOLVVessaObjectIndexEx(KOLVDB *pConn, const char *szID, const char *szNs, uid_t requester);
-/* Replaces the rows of every object of a chain in one statement. */
+/* Replaces the rows of every object of a chain in one statement. Objects
+ * whose row cannot be written (as for the upsert) are logged and left out,
+ * their old rows untouched; the others are written. */
 KOLV_EXPORT bool KOLVVessaObjectBatchIndex(KOLV_VESSA_OBJECT *pList);
 KOLV_EXPORT bool KOLVVessaObjectBatchIndexEx(KOLV_VESSA_OBJECT *pList, KOLVDB *pConn);
-/* The escaped value tuple of one object, read as owner. */
+/* The escaped value tuple of one object, read as owner, for the process's
+ * index connection. Fails as the upsert refuses. */
 KOLV_EXPORT bool KOLVVessaObjectCreateIndexValue(const char *szID, const char *szNs, uid_t owner,
                                                  std::string &strOut);
 /* "(" + quoted, escaped, comma-separated strings + ")"; a string gives one
- * element. Errors are appended to the stack and shorten the list. */
+ * element. Escaped for the process's index connection (opened if need be).
+ * Errors are appended to the stack and shorten the list. */
 KOLV_EXPORT std::string KOLVVessaObjectEscapeStringArray(const Json::Value &jsArray);
 
 /* Lists objects from the index: the requester's own first (newest first),

@@ -240,10 +240,13 @@ KOLV_PLATFORM_API void KOLVDBClose(KOLVDB *pConn);
 KOLV_PLATFORM_API int KOLVDBCreateDatabase(const char *szUser, const char *szDB);
 /* Builds an SQL text from szTemplate, replacing each placeholder in turn
  * with the next variable argument: "@KOLV:VAR" a const char* escaped for
- * use inside single quotes (with pConn's escaping, or standard-conforming
- * escaping when pConn is NULL), "@KOLV:INT" an int, "@KOLV:LLINT" a long
- * long. kind must be 1. Returns a malloc'ed text (free with free), NULL on
- * failure (a NULL string argument included). */
+ * use inside single quotes as pConn's server reads them (its
+ * standard_conforming_strings and encoding), "@KOLV:INT" an int,
+ * "@KOLV:LLINT" a long long. kind must be 1. Pass the connection the text
+ * will run on: with pConn NULL a quote is doubled and a value holding a
+ * backslash is refused, since its escape depends on the server. Returns a
+ * malloc'ed text (free with free), NULL on failure (a NULL string argument,
+ * a value invalid in the connection's encoding). */
 KOLV_PLATFORM_API char *KOLVDBEscapeStringEX3(int kind, KOLVDB *pConn, const char *szTemplate, ...);
 KOLV_PLATFORM_API char *KOLVDBEscapeStringEX3V(int kind, KOLVDB *pConn, const char *szTemplate, va_list ap);
 
