@@ -291,6 +291,11 @@ TEST_F(ListTest, InjectionCorpusIsDataWithNonStandardStrings) {
             jParm["requester"] = kBob;
             EXPECT_EQ(jFilter.isNull() ? "b" + s + "/owner" : "", BackendList(jParm)) << jParm.toStyledString();
         }
+        // The front end's owner filter is a user name, looked up, never sent.
+        Json::Value jParm = Request(kAlice);
+        jParm["filter"]["owner"] = s;
+        EXPECT_EQ("ERR", List(jParm));
+        EXPECT_EQ(1022, KOLVVessaErrCodeGet()) << s;
     }
 
     std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
