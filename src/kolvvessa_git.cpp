@@ -1,17 +1,21 @@
 /*
  * kolvvessa_git.cpp - the per-object version store: the write lock,
- * creating a repository with its first version, committing further
- * versions (branching from older ones) and checking versions out.
+ * opening and creating a repository with its first version, committing
+ * further versions (branching from older ones) and writing versions out.
  *
- * The work tree of a repository always holds the latest version and HEAD
- * names the branch whose tip it is; the index matches it, so the work tree
- * is clean. A checkout after HEAD has moved therefore names the tree the
- * work tree held before as its baseline, and checkouts into other folders
- * work on an index of their own.
+ * The work tree of a repository holds the latest version and HEAD names
+ * the branch whose tip it is. The work tree belongs to the object's owner,
+ * ".git" to the store: a repository is opened by its ".git" alone, after
+ * checking that neither it nor the work tree folder is a link, and the
+ * files of a version are written by the layer itself
+ * (kolvvessa_git_worktree.cpp), never by libgit2's checkout. No index is
+ * kept: nothing here reads or writes ".git/index", and ".git/index.lock"
+ * is the write lock's file, which stays on disk.
  */
+#include <errno.h>
 #include <fcntl.h>
-#include <git2/sys/repository.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,6 +24,7 @@
 #include <mutex>
 #include <string>
 
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_git.h"
 #include "kolvvessa_git_internal.h"
 
@@ -35,8 +40,17 @@ int s_lockFd = -1;
 /* Counts the branch names made by this process. */
 std::atomic<int> s_cBranch{0};
 
-std::string LockPath(const char *szRepo) {
-    return std::string(szRepo) + "/.git/index.lock";
+std::once_flag s_options;
+
+/* libgit2's process-wide options, set before the first repository is
+ * opened or made: its files are flushed to disk as written, and object
+ * folders belonging to their owners while the store runs as root is no
+ * sign of a foreign repository (".git" is checked by CheckRepository). */
+void SetOptions() {
+    std::call_once(s_options, [] {
+        git_libgit2_opts(GIT_OPT_ENABLE_FSYNC_GITDIR, 1);
+        git_libgit2_opts(GIT_OPT_SET_OWNER_VALIDATION, 0);
+    });
 }
 
 } // namespace
@@ -46,25 +60,49 @@ const char *ErrText() {
     return (pErr && pErr->message) ? pErr->message : "";
 }
 
+int CheckRepository(const char *szRepo, bool blCreate, Fd *pFdGit) {
+    Fd fdRepo(fs::OpenDir(szRepo));
+    if (0 > fdRepo.get()) {
+        syslog(LOG_ERR, "%s:%d refuse the repository [%s]: no real folder (%m)", __FILE__, __LINE__, szRepo);
+        return ENOENT == errno ? GIT_ENOTFOUND : GIT_ERROR;
+    }
+    if (blCreate && 0 != mkdirat(fdRepo.get(), ".git", 0755) && EEXIST != errno) {
+        syslog(LOG_ERR, "%s:%d fail to mkdir [%s/.git] (%m)", __FILE__, __LINE__, szRepo);
+        return GIT_ERROR;
+    }
+    Fd fdGit(openat(fdRepo.get(), ".git", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st;
+    if (0 > fdGit.get() || 0 != fstat(fdGit.get(), &st)) {
+        syslog(LOG_ERR, "%s:%d refuse the repository [%s]: .git is no real folder (%m)", __FILE__, __LINE__, szRepo);
+        return ENOENT == errno ? GIT_ENOTFOUND : GIT_ERROR;
+    }
+    // The work tree's owner can write into it, not into ".git": one of his
+    // own would let him plant links where libgit2 writes.
+    if (st.st_uid != geteuid()) {
+        syslog(LOG_ERR, "%s:%d refuse the repository [%s]: .git belongs to uid %u", __FILE__, __LINE__, szRepo,
+               static_cast<unsigned>(st.st_uid));
+        return GIT_ERROR;
+    }
+    if (pFdGit) pFdGit->reset(fdGit.release());
+    return 0;
+}
+
 int OpenRepository(const char *szRepo, GitRepository &pRepo) {
     if (NULL == szRepo) {
         syslog(LOG_ERR, "%s:%d bad parameter", __FILE__, __LINE__);
         return GIT_ERROR;
     }
-    // Object folders belong to their owners while the store runs as a
-    // service user: ownership is not a sign of a foreign repository here.
-    git_libgit2_opts(GIT_OPT_SET_OWNER_VALIDATION, 0);
+    SetOptions();
+    int ret = CheckRepository(szRepo, false, NULL);
+    if (0 > ret) return ret;
+    // By ".git" alone, as a bare repository: libgit2 then never looks at
+    // the work tree, where a folder dressed up as a repository could stand.
+    std::string strGit = std::string(szRepo) + "/.git";
     git_repository *pRaw = NULL;
-    int ret = git_repository_open_ext(&pRaw, szRepo, GIT_REPOSITORY_OPEN_NO_SEARCH, NULL);
+    ret = git_repository_open_bare(&pRaw, strGit.c_str());
     pRepo.reset(pRaw);
     if (0 > ret) syslog(LOG_ERR, "%s:%d fail to git_repository_init [%s]", __FILE__, __LINE__, szRepo);
     return ret;
-}
-
-git_checkout_options CheckoutOptions() {
-    git_checkout_options opts = GIT_CHECKOUT_OPTIONS_INIT;
-    opts.checkout_strategy = GIT_CHECKOUT_FORCE | GIT_CHECKOUT_REMOVE_UNTRACKED;
-    return opts;
 }
 
 namespace {
@@ -114,18 +152,14 @@ std::string HeadBranch(git_repository *pRepo) {
     return szTarget ? szTarget : "";
 }
 
-/* Checks tree out into the work tree against pBaseline (what the work
- * tree holds now), then points HEAD at strRef. */
-int CheckoutAndSetHead(git_repository *pRepo, git_tree *pTree, git_tree *pBaseline, const std::string &strRef) {
-    git_checkout_options opts = CheckoutOptions();
-    opts.baseline = pBaseline;
-    int ret = git_checkout_tree(pRepo, reinterpret_cast<git_object *>(pTree), &opts);
-    if (0 > ret) {
-        syslog(LOG_ERR, "%s:%d fail to git_checkout_tree (%s)", __FILE__, __LINE__, ErrText());
-        return ret;
-    }
+/* Brings the work tree szRepo to pTree (from pBaseline, what it holds
+ * now, when known), then points HEAD at strRef. */
+int WriteAndSetHead(git_repository *pRepo, const char *szRepo, git_tree *pTree, git_tree *pBaseline,
+                    const std::string &strRef) {
+    int ret = UpdateWorkTree(pRepo, szRepo, pBaseline, pTree);
+    if (0 > ret) return ret;
     // HEAD usually names the branch already; rewriting it would cost a
-    // lock file and a reflog entry for nothing.
+    // lock file for nothing.
     if (strRef == HeadBranch(pRepo)) return 0;
     if (0 > (ret = git_repository_set_head(pRepo, strRef.c_str()))) {
         syslog(LOG_ERR, "%s:%d fail to git_repository_set_head (%s)", __FILE__, __LINE__, ErrText());
@@ -173,20 +207,20 @@ int ChooseBranch(git_repository *pRepo, git_commit *pParent, std::string &strRef
 
 /* After a commit on strRef: the work tree and HEAD follow the new commit
  * when it is the latest. When it is not but was made on HEAD's own branch,
- * HEAD has moved with the branch, so the latest version is checked out
- * again to keep HEAD, index and work tree in step. */
-int FollowLatest(git_repository *pRepo, const git_oid *pNew, git_tree *pNewTree, git_tree *pOldHead,
+ * HEAD has moved with the branch, so it is pointed back at the latest,
+ * which the work tree still holds. */
+int FollowLatest(git_repository *pRepo, const char *szRepo, const git_oid *pNew, git_tree *pNewTree, git_tree *pOldHead,
                  const std::string &strRef, const std::string &strHeadRef) {
     git_oid latest;
     std::string strLatestRef;
     int ret = FindLatest(pRepo, &latest, &strLatestRef);
     if (0 > ret) return ret;
-    if (git_oid_equal(&latest, pNew)) return CheckoutAndSetHead(pRepo, pNewTree, pOldHead, strRef);
+    if (git_oid_equal(&latest, pNew)) return WriteAndSetHead(pRepo, szRepo, pNewTree, pOldHead, strRef);
     if (strRef != strHeadRef) return 0;
     GitCommit pLatest;
     GitTree pLatestTree;
     if (0 > (ret = LookupCommit(pRepo, &latest, pLatest, &pLatestTree))) return ret;
-    return CheckoutAndSetHead(pRepo, pLatestTree.get(), pOldHead, strLatestRef);
+    return WriteAndSetHead(pRepo, szRepo, pLatestTree.get(), pOldHead, strLatestRef);
 }
 
 int MakeSignature(const char *szName, const char *szMail, long long mtime, GitSignature &pSig, const char *szCall) {
@@ -204,11 +238,15 @@ int MakeSignature(const char *szName, const char *szMail, long long mtime, GitSi
 
 int GitWriteLock(const char *szRepo) {
     if (NULL == szRepo) return -1;
-    int fd = open(kolv::git::LockPath(szRepo).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    kolv::Fd fdGit;
+    int fd = -1;
+    // Opened below the checked ".git", never through a link; the file
+    // stays on disk for good (see GitWriteUnlock).
+    if (0 <= kolv::git::CheckRepository(szRepo, false, &fdGit)) {
+        fd = openat(fdGit.get(), "index.lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    }
     if (0 > fd) {
         syslog(LOG_ERR, "%s:%d fail to GitLock", __FILE__, __LINE__);
-        std::lock_guard<std::mutex> guard(kolv::git::s_lockMutex);
-        kolv::git::s_lockFd = -1;
         return -1;
     }
     // Blocks until the lock is free; the slot is filled once it is held so
@@ -219,7 +257,7 @@ int GitWriteLock(const char *szRepo) {
     return ret;
 }
 
-int GitWriteUnlock(const char *szRepo) {
+int GitWriteUnlock(const char *) {
     int fd = -1;
     {
         std::lock_guard<std::mutex> guard(kolv::git::s_lockMutex);
@@ -227,9 +265,10 @@ int GitWriteUnlock(const char *szRepo) {
         kolv::git::s_lockFd = -1;
     }
     if (0 > fd) return 0;
+    // The file is not removed: a waiter may already hold it open, and a
+    // third process would lock a fresh file beside the waiter's.
     int ret = flock(fd, LOCK_UN);
     close(fd);
-    if (szRepo) unlink(kolv::git::LockPath(szRepo).c_str());
     return ret;
 }
 
@@ -240,9 +279,14 @@ int GitCreateRepository(const char *szRepo, long long mtime, TRABCSzHash *pAddHa
         return GIT_ERROR;
     }
     kolv::git::LibScope lib;
-    git_libgit2_opts(GIT_OPT_SET_OWNER_VALIDATION, 0);
+    kolv::git::SetOptions();
+    // ".git" is made here first, so that libgit2 finds a folder of ours
+    // rather than whatever the work tree's owner left in its place.
+    int ret = kolv::git::CheckWorkTree(szRepo);
+    if (0 <= ret) ret = kolv::git::CheckRepository(szRepo, true, NULL);
+    if (0 > ret) return ret;
     git_repository *pRawRepo = NULL;
-    int ret = git_repository_init(&pRawRepo, szRepo, 0);
+    ret = git_repository_init(&pRawRepo, szRepo, 0);
     kolv::GitRepository pRepo(pRawRepo);
     if (0 > ret) {
         syslog(LOG_ERR, "%s:%d fail to git_repository_init [%s] (%s)", __FILE__, __LINE__, szRepo,
@@ -253,20 +297,14 @@ int GitCreateRepository(const char *szRepo, long long mtime, TRABCSzHash *pAddHa
     kolv::GitSignature pSig;
     if (0 > (ret = kolv::git::BuildTree(pRepo.get(), NULL, pAddHash, pDelHash, NULL, pTree))) return ret;
     if (0 > (ret = kolv::git::MakeSignature(szName, szMail, mtime, pSig, "git_signature_now"))) return ret;
-    // The commit is made first and HEAD's branch set after the checkout:
-    // against the unborn HEAD every file of the tree is new, so each gets
-    // its index entry.
+    // The branch is made last: a version exists once its files are out.
     git_oid oid;
     ret = git_commit_create(&oid, pRepo.get(), NULL, pSig.get(), pSig.get(), "UTF-8", szMsg, pTree.get(), 0, NULL);
     if (0 > ret) {
         syslog(LOG_ERR, "%s:%d fail to git_commit_create (%s)", __FILE__, __LINE__, kolv::git::ErrText());
         return ret;
     }
-    git_checkout_options opts = kolv::git::CheckoutOptions();
-    if (0 > (ret = git_checkout_tree(pRepo.get(), reinterpret_cast<git_object *>(pTree.get()), &opts))) {
-        syslog(LOG_ERR, "%s:%d fail to git_checkout_tree (%s)", __FILE__, __LINE__, kolv::git::ErrText());
-        return ret;
-    }
+    if (0 > (ret = kolv::git::UpdateWorkTree(pRepo.get(), szRepo, NULL, pTree.get()))) return ret;
     git_reference *pRawRef = NULL;
     ret = git_reference_create(&pRawRef, pRepo.get(), kolv::git::HeadBranch(pRepo.get()).c_str(), &oid, 0, NULL);
     kolv::GitReference pRef(pRawRef);
@@ -291,6 +329,9 @@ int GitCommit(const char *szRepo, const char *szParentVer, long long mtime, TRAB
     kolv::GitCommit pParent;
     kolv::GitTree pParentTree, pTree;
     int ret = kolv::git::OpenRepository(szRepo, pRepo);
+    // A work tree that cannot take the new version fails the call before
+    // anything is committed.
+    if (0 <= ret) ret = kolv::git::CheckWorkTree(szRepo);
     if (0 <= ret) ret = kolv::git::ParseAndLookup(pRepo.get(), szParentVer, pParent, &pParentTree);
     if (0 <= ret) ret = kolv::git::BuildTree(pRepo.get(), pParentTree.get(), pAddHash, pDelHash, pRenameHash, pTree);
     if (0 > ret) return ret;
@@ -314,7 +355,7 @@ int GitCommit(const char *szRepo, const char *szParentVer, long long mtime, TRAB
         syslog(LOG_ERR, "%s:%d fail to git_commit_create (%s)", __FILE__, __LINE__, kolv::git::ErrText());
         return ret;
     }
-    ret = kolv::git::FollowLatest(pRepo.get(), &oid, pTree.get(), pOldHead.get(), strRef, strHeadRef);
+    ret = kolv::git::FollowLatest(pRepo.get(), szRepo, &oid, pTree.get(), pOldHead.get(), strRef, strHeadRef);
     if (0 > ret) return ret;
     char szOid[GIT_OID_HEXSZ + 1];
     strNewVer = git_oid_tostr(szOid, sizeof(szOid), &oid);
@@ -332,24 +373,8 @@ int GitLoadCommit(const char *szRepo, const char *szVersion, const char *szTarge
     kolv::GitTree pTree;
     int ret = kolv::git::OpenRepository(szRepo, pRepo);
     if (0 <= ret) ret = kolv::git::ParseAndLookup(pRepo.get(), szVersion, pCommit, &pTree);
+    if (0 <= ret) ret = kolv::git::WriteTreeInto(pRepo.get(), szTargetDir, pTree.get());
     if (0 > ret) return ret;
-    // The checkout records what it writes in an index of its own, in
-    // memory: the repository's index describes its own work tree.
-    git_index *pRawIndex = NULL;
-    if (0 > (ret = git_index_new(&pRawIndex))) {
-        syslog(LOG_ERR, "%s:%d fail to git_index_new (%s)", __FILE__, __LINE__, kolv::git::ErrText());
-        return ret;
-    }
-    kolv::GitIndex pIndex(pRawIndex);
-    git_repository_set_index(pRepo.get(), pIndex.get());
-    git_checkout_options opts = kolv::git::CheckoutOptions();
-    opts.checkout_strategy |= GIT_CHECKOUT_NO_REFRESH | GIT_CHECKOUT_DONT_WRITE_INDEX;
-    opts.target_directory = szTargetDir;
-    opts.baseline_index = pIndex.get();
-    if (0 > (ret = git_checkout_tree(pRepo.get(), reinterpret_cast<git_object *>(pTree.get()), &opts))) {
-        syslog(LOG_ERR, "%s:%d fail to git_checkout_tree (%s)", __FILE__, __LINE__, kolv::git::ErrText());
-        return ret;
-    }
     kolv::git::CommitInfo(pCommit.get(), jInfo);
     return 0;
 }
@@ -365,7 +390,6 @@ int GitRestoreLastestCommit(const char *szRepo) {
     if (0 <= ret) ret = kolv::git::FindLatest(pRepo.get(), &oid, &strRef);
     if (0 <= ret) ret = kolv::git::LookupCommit(pRepo.get(), &oid, pLatest, &pTree);
     if (0 > ret) return ret;
-    // The index and HEAD still describe what the work tree should hold, so
-    // HEAD's tree is the right baseline: edits and strays are undone.
-    return kolv::git::CheckoutAndSetHead(pRepo.get(), pTree.get(), NULL, strRef);
+    // Whole, with no baseline: edits and strays in the work tree are undone.
+    return kolv::git::WriteAndSetHead(pRepo.get(), szRepo, pTree.get(), NULL, strRef);
 }

@@ -1,7 +1,8 @@
 /*
  * kolvvessa_git_internal.h - pieces shared by the files of the git layer:
- * kolvvessa_git.cpp (lock, create, commit, checkout), kolvvessa_git_tree.cpp
- * (building a tree from the add, delete and rename lists) and
+ * kolvvessa_git.cpp (lock, create, commit, opening a repository),
+ * kolvvessa_git_tree.cpp (building a tree from the add, delete and rename
+ * lists), kolvvessa_git_worktree.cpp (writing a version's files) and
  * kolvvessa_git_history.cpp (latest commit, commit information, diff,
  * history).
  *
@@ -38,8 +39,26 @@ class LibScope {
 /* The message of libgit2's last error, "" when there is none. */
 const char *ErrText();
 
-/* Opens the repository at szRepo (its work tree). */
+/* Refuses szRepo unless it is a real folder (not a link) whose ".git" is
+ * a real folder owned by the effective uid; blCreate makes a missing
+ * ".git". GIT_ENOTFOUND when either is missing, GIT_ERROR when refused;
+ * pFdGit (may be NULL) receives ".git" open. */
+int CheckRepository(const char *szRepo, bool blCreate, Fd *pFdGit);
+
+/* Opens the repository whose work tree is szRepo, checked as above, by its
+ * ".git" alone: libgit2 never sees the work tree. */
 int OpenRepository(const char *szRepo, GitRepository &pRepo);
+
+/* GIT_ERROR when a link or a non-folder stands where the work tree szDir
+ * keeps "text", "binary" or "binary_info" (a missing one is fine). */
+int CheckWorkTree(const char *szDir);
+
+/* Brings the work tree of the repository szRepo to pNew: only what changed
+ * from pBaseline when the work tree is known to hold it, else whole. */
+int UpdateWorkTree(git_repository *pRepo, const char *szRepo, git_tree *pBaseline, git_tree *pNew);
+
+/* Writes pTree whole into szDir, which is made when missing. */
+int WriteTreeInto(git_repository *pRepo, const char *szDir, git_tree *pTree);
 
 /* Builds the tree pBase (NULL: empty) changed by the renames (old tree
  * path -> new), then the adds (tree path -> disk file), then the deletes;
@@ -63,9 +82,6 @@ void CommitInfo(const git_commit *pCommit, Json::Value &jInfo);
  * jInfo receives the commit information. */
 int ReadVersion(const char *szRepo, const char *szVersion, const std::vector<std::string> &dirs,
                 std::map<std::string, std::string> &files, Json::Value &jInfo);
-
-/* Checkout options of the layer: force, and remove untracked files. */
-git_checkout_options CheckoutOptions();
 
 } // namespace git
 } // namespace kolv

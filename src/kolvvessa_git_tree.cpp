@@ -7,12 +7,17 @@
  * subtree; all changes go through it and it is written once at the end,
  * so no intermediate subtree is ever stored.
  */
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <functional>
 #include <map>
 #include <string>
 
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa_git_internal.h"
 
 namespace kolv {
@@ -143,12 +148,35 @@ int TreeEdit::Rename(const char *szOld, const char *szNew) {
     return Remove(szOld);
 }
 
+/* The blob is streamed from a descriptor opened without following a
+ * link and without blocking, and only a regular file is taken: a link,
+ * FIFO or device left where a source file belongs never reaches the
+ * repository. */
 int TreeEdit::Add(const char *szPath, const char *szFile) {
+    Fd fd(szFile ? fs::OpenFile(szFile, O_RDONLY | O_NONBLOCK | O_NOCTTY) : -1);
+    struct stat st;
+    if (0 > fd.get() || 0 != fstat(fd.get(), &st) || !S_ISREG(st.st_mode)) {
+        int ret = (0 > fd.get() && ENOENT == errno) ? GIT_ENOTFOUND : GIT_ERROR;
+        syslog(LOG_ERR, "%s:%d fail to git_blob_create_fromdisk [%s] (%m)", __FILE__, __LINE__, szFile ? szFile : "");
+        return ret;
+    }
+    git_writestream *pStream = NULL;
+    int ret = git_blob_create_from_stream(&pStream, m_pRepo, NULL);
+    char rgBuf[65536];
+    while (0 <= ret) {
+        ssize_t n = read(fd.get(), rgBuf, sizeof(rgBuf));
+        if (n < 0 && EINTR == errno) continue;
+        if (0 == n) break;
+        ret = (n < 0) ? GIT_ERROR : pStream->write(pStream, rgBuf, static_cast<size_t>(n));
+    }
     git_oid oid;
-    int ret = (NULL == szFile) ? GIT_ERROR : git_blob_create_from_disk(&oid, m_pRepo, szFile);
+    if (0 <= ret) {
+        ret = git_blob_create_from_stream_commit(&oid, pStream);
+    } else if (pStream) {
+        pStream->free(pStream);
+    }
     if (0 > ret) {
-        syslog(LOG_ERR, "%s:%d fail to git_blob_create_fromdisk [%s] (%s)", __FILE__, __LINE__, szFile ? szFile : "",
-               ErrText());
+        syslog(LOG_ERR, "%s:%d fail to git_blob_create_fromdisk [%s] (%s)", __FILE__, __LINE__, szFile, ErrText());
         return ret;
     }
     return Insert(szPath, &oid, GIT_FILEMODE_BLOB);

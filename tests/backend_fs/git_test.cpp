@@ -1,8 +1,10 @@
 /*
  * The git layer alone: repositories written by it are checked with the git
  * command line (fsck, log, status), versions are read back, branched,
- * listed, compared and checked out elsewhere.
+ * listed, compared and written out elsewhere; links planted in the work
+ * tree lead nowhere; the write lock excludes three processes.
  */
+#include <dirent.h>
 #include <fcntl.h>
 #include <git2/errors.h>
 #include <gtest/gtest.h>
@@ -11,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
+#include <map>
 #include <regex>
 #include <string>
 
@@ -23,13 +27,43 @@ using kolvtest::ReadFile;
 using kolvtest::WriteFile;
 
 using kolvtest::Hash;
+using kolvtest::RunCommand;
+using Files = std::map<std::string, std::string>;
 
 class GitLayerTest : public kolvtest::SysrootTest {
   protected:
     void SetUp() override {
         m_repo = m_sys.Root() + "/obj/version";
         m_src = m_sys.Root() + "/src";
-        ASSERT_EQ(0, kolvtest::RunCommand("mkdir -p '" + m_repo + "' '" + m_src + "'"));
+        // The work tree is its owner's, as the store makes it.
+        ASSERT_EQ(0, RunCommand("mkdir -p '" + m_repo + "' '" + m_src + "' && chown 1101:100 '" + m_repo + "'"));
+    }
+
+    /* Every entry of the work tree's three folders: a file's content, or
+     * "<other>" for anything else. */
+    Files WorkTree(const std::string &strDir) {
+        Files files;
+        for (const char *szFolder : {"text", "binary", "binary_info"}) {
+            std::string strFolder = strDir + "/" + szFolder;
+            DIR *pDir = opendir(strFolder.c_str());
+            while (struct dirent *pEnt = pDir ? readdir(pDir) : nullptr) {
+                std::string strName = pEnt->d_name, strPath = strFolder + "/" + strName;
+                struct stat st;
+                if ("." == strName || ".." == strName || 0 != lstat(strPath.c_str(), &st)) continue;
+                files[std::string(szFolder) + "/" + strName] = S_ISREG(st.st_mode) ? ReadFile(strPath) : "<other>";
+            }
+            if (pDir) closedir(pDir);
+        }
+        return files;
+    }
+
+    /* Names, kinds, times and contents of everything below strDir. */
+    std::string Snapshot(const std::string &strDir) {
+        std::string strOut;
+        RunCommand("cd '" + strDir +
+                       "' && find . -printf '%p %y %T@ %s\\n' | sort && find . -type f | sort | xargs cat",
+                   &strOut);
+        return strOut;
     }
 
     /* Writes a source file and returns its path. */
@@ -69,8 +103,16 @@ TEST_F(GitLayerTest, CreateAndCommitWriteValidRepositories) {
     std::string strV1 = Create();
     EXPECT_TRUE(std::regex_match(strV1, std::regex("[0-9a-f]{40}")));
     ExpectValidAndClean();
-    EXPECT_EQ("\"one\"", ReadFile(m_repo + "/text/a"));
-    EXPECT_EQ("BIN", ReadFile(m_repo + "/binary/b"));
+    EXPECT_EQ(Files({{"text/a", "\"one\""}, {"binary/b", "BIN"}, {"binary_info/b", "{}"}}), WorkTree(m_repo));
+    // Folders and files of the work tree take its owner; .git stays ours.
+    struct stat st;
+    for (const char *szPath : {"/text", "/binary_info", "/binary/b"}) {
+        ASSERT_EQ(0, lstat((m_repo + szPath).c_str(), &st));
+        EXPECT_EQ(1101u, st.st_uid) << szPath;
+        EXPECT_EQ(100u, st.st_gid) << szPath;
+    }
+    ASSERT_EQ(0, lstat((m_repo + "/.git").c_str(), &st));
+    EXPECT_EQ(0u, st.st_uid);
 
     Json::Value jInfo;
     ASSERT_EQ(0, GitGetCommitInfo(m_repo.c_str(), NULL, jInfo));
@@ -91,8 +133,8 @@ TEST_F(GitLayerTest, CreateAndCommitWriteValidRepositories) {
                            "bob@example.com", Msg(1).c_str(), strV2));
     EXPECT_NE(strV1, strV2);
     ExpectValidAndClean();
-    EXPECT_EQ("binary/b2\ntext/a\ntext/c\n", Git("ls-files"));
-    EXPECT_EQ("\"two\"", ReadFile(m_repo + "/text/a"));
+    EXPECT_EQ("binary/b2\ntext/a\ntext/c\n", Git("ls-tree -r --name-only HEAD"));
+    EXPECT_EQ(Files({{"text/a", "\"two\""}, {"text/c", "3"}, {"binary/b2", "BIN"}}), WorkTree(m_repo));
     EXPECT_EQ(strV2 + "\n", Git("rev-parse HEAD"));
     ASSERT_EQ(0, GitGetCommitInfo(m_repo.c_str(), strV2.c_str(), jInfo));
     EXPECT_EQ("bob", jInfo["auther"].asString());
@@ -105,7 +147,10 @@ TEST_F(GitLayerTest, CreateAndCommitWriteValidRepositories) {
                            Msg(3).c_str(), strV3));
     ExpectValidAndClean();
     EXPECT_EQ("text\n", Git("ls-tree --name-only HEAD"));
-    EXPECT_FALSE(TRABCFileExist((m_repo + "/binary/b2").c_str()));
+    EXPECT_EQ(Files({{"text/a", "\"two\""}, {"text/c", "3"}}), WorkTree(m_repo));
+    EXPECT_FALSE(TRABCFileExist((m_repo + "/binary").c_str()));
+    // Nothing keeps a git index.
+    EXPECT_FALSE(TRABCFileExist((m_repo + "/.git/index").c_str()));
 }
 
 TEST_F(GitLayerTest, OlderParentsBranchAndTheLatestOwnsTheWorkTree) {
@@ -138,22 +183,22 @@ TEST_F(GitLayerTest, OlderParentsBranchAndTheLatestOwnsTheWorkTree) {
     EXPECT_EQ(strBack + "\n", Git("rev-parse HEAD"));
     ExpectValidAndClean();
 
-    // An older version checked out elsewhere leaves the repository alone.
-    std::string strIndexBefore = ReadFile(m_repo + "/.git/index");
+    // An older version written elsewhere leaves the repository alone.
     std::string strTarget = m_sys.Root() + "/scratch";
     Json::Value jInfo;
     ASSERT_EQ(0, GitLoadCommit(m_repo.c_str(), strOld.c_str(), strTarget.c_str(), jInfo));
     EXPECT_EQ(strOld, jInfo["version"].asString());
     EXPECT_EQ("\"old\"", ReadFile(strTarget + "/text/a"));
     EXPECT_EQ("BIN", ReadFile(strTarget + "/binary/b"));
-    EXPECT_EQ(strIndexBefore, ReadFile(m_repo + "/.git/index"));
+    EXPECT_EQ(strBack + "\n", Git("rev-parse HEAD"));
     ExpectValidAndClean();
 
     // A spoilt work tree is put back by the restore.
     WriteFile(m_repo + "/text/a", "spoilt");
     WriteFile(m_repo + "/text/stray", "x");
+    ASSERT_EQ(0, RunCommand("rm -r '" + m_repo + "/binary_info' && mkdir '" + m_repo + "/binary_info/'"));
     ASSERT_EQ(0, GitRestoreLastestCommit(m_repo.c_str()));
-    EXPECT_EQ("\"back\"", ReadFile(m_repo + "/text/a"));
+    EXPECT_EQ(Files({{"text/a", "\"back\""}, {"binary/b", "BIN"}, {"binary_info/b", "{}"}}), WorkTree(m_repo));
     ExpectValidAndClean();
 }
 
@@ -233,24 +278,153 @@ TEST_F(GitLayerTest, FailuresReturnLibgit2Codes) {
     ExpectValidAndClean();
 }
 
-TEST_F(GitLayerTest, WriteLockHoldsIndexLockUntilUnlocked) {
+TEST_F(GitLayerTest, WriteLockExcludesThreeProcessesAndStaysOnDisk) {
     Create();
-    std::string strLock = m_repo + "/.git/index.lock";
+    std::string strLock = m_repo + "/.git/index.lock", strHolder = m_sys.Root() + "/holder";
     EXPECT_EQ(0, GitWriteUnlock(m_repo.c_str())); // nothing held
-    ASSERT_EQ(0, GitWriteLock(m_repo.c_str()));
-    ASSERT_TRUE(TRABCFileExist(strLock.c_str()));
-    pid_t pid = fork();
-    if (0 == pid) {
-        int fd = open(strLock.c_str(), O_RDWR);
-        _exit((fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) < 0) ? 0 : 1);
+    // Each holder makes the one marker and removes it before unlocking:
+    // a marker already there means two holders at once.
+    pid_t rgPid[3];
+    for (pid_t &pid : rgPid) {
+        if (0 == (pid = fork())) {
+            int status = 0;
+            for (int i = 0; i < 300 && 0 == status; i++) {
+                if (0 != GitWriteLock(m_repo.c_str())) status = 2;
+                int fd = open(strHolder.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+                if (0 > fd) status = 1;
+                usleep(50);
+                if (0 <= fd && (0 != close(fd) || 0 != unlink(strHolder.c_str()))) status = 3;
+                if (0 != GitWriteUnlock(m_repo.c_str())) status = 4;
+            }
+            _exit(status);
+        }
     }
-    int status = -1;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(0, WEXITSTATUS(status)) << "another process got the lock";
-    EXPECT_EQ(0, GitWriteUnlock(m_repo.c_str()));
-    EXPECT_FALSE(TRABCFileExist(strLock.c_str()));
+    for (pid_t pid : rgPid) {
+        int status = -1;
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && 0 == WEXITSTATUS(status)) << "status " << status;
+    }
+    EXPECT_TRUE(TRABCFileExist(strLock.c_str()));
     EXPECT_EQ(-1, GitWriteLock((m_sys.Root() + "/nowhere").c_str()));
     EXPECT_EQ(0, GitWriteUnlock(m_repo.c_str()));
+}
+
+TEST_F(GitLayerTest, PlantedLinksNeverLeadOutsideTheObject) {
+    std::string strV1 = Create();
+    std::string strRoot = m_sys.Root(), strVictim = strRoot + "/victim", strOther = strRoot + "/other/version";
+    std::string strLoad = strRoot + "/load", strFresh = strRoot + "/fresh/version";
+    ASSERT_EQ(0, RunCommand("mkdir -p " + strVictim + " " + strOther + " " + strLoad + " " + strFresh + " && cd " +
+                            strVictim + " && echo secret > a && echo secret > file"));
+    Hash addOther({{"text/a", Src("o", "\"other\"")}});
+    std::string strVer;
+    ASSERT_EQ(0, GitCreateRepository(strOther.c_str(), 100, addOther.get(), nullptr, "bob", "b@x", "{}", strVer));
+    std::string strVictimBefore = Snapshot(strVictim), strOtherBefore = Snapshot(strOther);
+
+    // Every exported function on one repository, their results in a row.
+    auto callAll = [&](const std::string &strRepo) {
+        const char *szRepo = strRepo.c_str();
+        Json::Value jInfo;
+        Hash diff, add({{"text/a", Src("x", "\"x\"")}});
+        std::string strOut;
+        int rgRet[] = {GitCommit(szRepo, strV1.c_str(), 300, add.get(), nullptr, nullptr, "a", "a@b", "{}", strOut),
+                       GitCreateRepository(szRepo, 300, add.get(), nullptr, "a", "a@b", "{}", strOut),
+                       GitLoadCommit(szRepo, strV1.c_str(), strLoad.c_str(), jInfo),
+                       GitRestoreLastestCommit(szRepo),
+                       GitGetCommitInfo(szRepo, NULL, jInfo),
+                       GitDiff(szRepo, strV1.c_str(), NULL, diff.get()),
+                       GitListCommitHistory(szRepo, 0, 0, false, Json::Value(), jInfo),
+                       GitWriteLock(szRepo)};
+        GitWriteUnlock(szRepo);
+        std::string strRet;
+        for (int ret : rgRet)
+            strRet += std::to_string(ret) + " ";
+        return strRet;
+    };
+    // ".git" must be a real folder of the store: refused before libgit2
+    // opens anything, and so is a work tree folder that is a link.
+    struct {
+        const char *szWhat, *szPlant, *szUndo;
+    } rgRefused[] = {
+        {"a link to another repository", "mv .git .real && ln -s ../../other/version/.git .git",
+         "rm .git && mv .real .git"},
+        {"a file naming another repository", "mv .git .real && echo 'gitdir: ../../other/version/.git' > .git",
+         "rm .git && mv .real .git"},
+        {"the owner's", "chown 1101 .git", "chown 0 .git"},
+    };
+    for (const auto &c : rgRefused) {
+        SCOPED_TRACE(c.szWhat);
+        ASSERT_EQ(0, RunCommand("cd " + m_repo + " && " + c.szPlant));
+        EXPECT_EQ("-1 -1 -1 -1 -1 -1 -1 -1 ", callAll(m_repo));
+        ASSERT_EQ(0, RunCommand("cd " + m_repo + " && " + c.szUndo));
+    }
+    ASSERT_EQ(0, symlink(m_repo.c_str(), (strRoot + "/linked").c_str()));
+    EXPECT_EQ("-1 -1 -1 -1 -1 -1 -1 -1 ", callAll(strRoot + "/linked"));
+
+    // Links in the work tree. Where a folder belongs (or a non-folder):
+    // the call fails before anything is committed or written. Where a file
+    // belongs: replaced by a file, never followed.
+    std::string strLatest = "\"one\"";
+    auto commit = [&](const std::string &strText) {
+        Hash add({{"text/a", Src("t", strText)}, {"binary_info/b", Src("i", "{\"md5\":1}")}});
+        std::string strHead = Git("rev-parse HEAD").substr(0, 40), strNew;
+        int ret = GitCommit(m_repo.c_str(), strHead.c_str(), 1000 + strText.size(), add.get(), nullptr, nullptr, "a",
+                            "a@b", "{}", strNew);
+        if (0 == ret) strLatest = strText;
+        return ret;
+    };
+    auto createFresh = [&] {
+        Hash add({{"text/a", Src("f", "1")}});
+        return GitCreateRepository(strFresh.c_str(), 100, add.get(), nullptr, "a", "a@b", "{}", strVer);
+    };
+    auto load = [&] {
+        Json::Value jInfo;
+        return GitLoadCommit(m_repo.c_str(), strV1.c_str(), strLoad.c_str(), jInfo);
+    };
+    auto restore = [&] { return GitRestoreLastestCommit(m_repo.c_str()); };
+    const std::string strIn = "ln -sfn " + strVictim;
+    struct {
+        const char *szWhat;
+        std::string strDir, strPlant;
+        std::function<int()> call;
+        int expect;
+    } rgTree[] = {
+        {"commit, text is a link", m_repo, "rm -r text && " + strIn + " text", [&] { return commit("\"2\""); }, -1},
+        {"commit, binary is a file", m_repo, "rm -r binary && echo x > binary", [&] { return commit("\"3\""); }, -1},
+        {"restore, binary_info is a link", m_repo, "rm -r binary_info && " + strIn + " binary_info", restore, -1},
+        {"create, text is a link", strFresh, strIn + " text", createFresh, -1},
+        {"load, text is a link", strLoad, strIn + " text", load, -1},
+        {"commit, files are links", m_repo, strIn + "/a text/a && ln -sf " + strVictim + "/file binary_info/b",
+         [&] { return commit("\"4\""); }, 0},
+        {"restore, files are links", m_repo, strIn + "/file binary/b2 && ln -sf " + strVictim + "/a text/a", restore,
+         0},
+        {"load, files are links", strLoad, "mkdir text && " + strIn + "/a text/a", load, 0},
+    };
+    for (const auto &c : rgTree) {
+        SCOPED_TRACE(c.szWhat);
+        std::string strCount = Git("rev-list --all --count");
+        ASSERT_EQ(0, RunCommand("cd " + c.strDir + " && " + c.strPlant));
+        EXPECT_EQ(c.expect, c.call());
+        if (0 > c.expect) {
+            EXPECT_EQ(strCount, Git("rev-list --all --count"));
+        } else {
+            for (const auto &file : WorkTree(c.strDir))
+                EXPECT_NE("<other>", file.second) << file.first;
+        }
+        EXPECT_FALSE(TRABCFileExist((strFresh + "/.git").c_str()));
+        // Undo what a refused call left planted; the repository reads back
+        // its latest version whole.
+        ASSERT_EQ(0, RunCommand("cd " + c.strDir +
+                                " && for d in text binary binary_info; do "
+                                "if [ -L $d ] || [ -f $d ]; then rm $d; fi; done; rm -rf " +
+                                strLoad + "/*"));
+        ASSERT_EQ(0, restore());
+        EXPECT_EQ(strLatest, Git("cat-file -p HEAD:text/a"));
+        EXPECT_EQ(strLatest, ReadFile(m_repo + "/text/a"));
+    }
+    EXPECT_EQ("\"4\"", strLatest);
+    ExpectValidAndClean();
+    EXPECT_EQ(strVictimBefore, Snapshot(strVictim));
+    EXPECT_EQ(strOtherBefore, Snapshot(strOther));
 }
 
 } // namespace

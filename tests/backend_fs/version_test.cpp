@@ -125,7 +125,7 @@ TEST_F(VersionStoreTest, CreateAndSetWriteOneCommitPerChange) {
         << kolvtest::StackText();
     EXPECT_NE(strV1, strV2);
     ExpectValidAndClean(strId);
-    EXPECT_EQ("text/" + Enc("a") + "\ntext/" + Enc("c") + "\n", Git(strId, "ls-files"));
+    EXPECT_EQ("text/" + Enc("a") + "\ntext/" + Enc("c") + "\n", Git(strId, "ls-tree -r --name-only HEAD"));
     EXPECT_EQ(ParseJson(R"({"commit_cnt":2,"listable_commit_cnt":1})"), GitInfo(strId));
 
     // The same value again: no commit, the same version, still counted.
@@ -205,7 +205,7 @@ TEST_F(VersionStoreTest, BinaryFilesByPathDeleteAndFromAnotherObject) {
 
     j["binary_files"] = Binary("pic", "delete", "");
     ASSERT_TRUE(Set(strB, strVb2, j, strVb3));
-    EXPECT_EQ("text/" + Enc("t") + "\n", Git(strB, "ls-files"));
+    EXPECT_EQ("text/" + Enc("t") + "\n", Git(strB, "ls-tree -r --name-only HEAD"));
     ExpectValidAndClean(strB);
 
     // A source object without the file, and a source path that is gone.
