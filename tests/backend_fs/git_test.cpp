@@ -124,7 +124,10 @@ TEST_F(GitLayerTest, CreateAndCommitWriteValidRepositories) {
     EXPECT_EQ(Json::Value(Json::arrayValue), jInfo["parent"]);
 
     // Modify text/a, add text/c, rename binary/b, delete binary_info/b and
-    // a path that is not there.
+    // a path that is not there. A write cut short (its mark in .git gone)
+    // makes the next one whole: the stray goes too.
+    ASSERT_EQ(0, unlink((m_repo + "/.git/kolvvessa_worktree").c_str()));
+    WriteFile(m_repo + "/binary/stray", "x");
     Hash add({{"text/a", Src("a2", "\"two\"")}, {"text/c", Src("c", "3")}});
     Hash del({{"binary_info/b", "delete"}, {"text/missing", "delete"}});
     Hash ren({{"binary/b", "binary/b2"}});
@@ -267,10 +270,16 @@ TEST_F(GitLayerTest, FailuresReturnLibgit2Codes) {
     EXPECT_EQ(GIT_ERROR, GitDiff(m_repo.c_str(), NULL, NULL, hash.get()));
     EXPECT_EQ(GIT_ERROR, GitDiff(m_repo.c_str(), strV1.c_str(), NULL, NULL));
 
-    // A source file that is gone, and a rename of a path that is not there.
-    Hash add({{"text/x", m_src + "/gone"}});
-    EXPECT_EQ(GIT_ENOTFOUND,
-              GitCommit(m_repo.c_str(), strV1.c_str(), 200, add.get(), nullptr, nullptr, "a", "a@b", "{}", strVer));
+    // A source file that is gone; a FIFO or a link where one belongs is
+    // refused without being read; a rename of a path that is not there.
+    ASSERT_EQ(0, mkfifo((m_src + "/fifo").c_str(), 0600));
+    ASSERT_EQ(0, symlink("/etc/passwd", (m_src + "/link").c_str()));
+    for (const auto &source : {std::make_pair("/gone", GIT_ENOTFOUND), {"/fifo", GIT_ERROR}, {"/link", GIT_ERROR}}) {
+        Hash add({{"text/x", m_src + source.first}});
+        EXPECT_EQ(source.second,
+                  GitCommit(m_repo.c_str(), strV1.c_str(), 200, add.get(), nullptr, nullptr, "a", "a@b", "{}", strVer))
+            << source.first;
+    }
     Hash ren({{"text/nothing", "text/other"}});
     EXPECT_EQ(GIT_ENOTFOUND,
               GitCommit(m_repo.c_str(), strV1.c_str(), 200, nullptr, nullptr, ren.get(), "a", "a@b", "{}", strVer));
