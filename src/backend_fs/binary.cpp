@@ -1,40 +1,42 @@
 /*
- * binary.cpp - a version's files on disk: writing a request's text fields
- * and binary info records into a folder (with the commit's add and delete
- * lists), reading them back, and the MD5 of a file.
+ * binary.cpp - a version's files: staging a request's text fields, binary
+ * files and binary info records in the call's scratch folder (with the
+ * commit's add and delete lists), reading a version's files back, and the
+ * MD5 of a file.
  *
- * Binary files themselves are never copied: the commit takes each blob
- * straight from its source path and the checkout puts it in the work
- * tree.
+ * Every source is copied into the scratch folder before the commit reads
+ * it: a "path" as the requester may open it, an "object" file from the
+ * other object's folder without following a link. The scratch folder is
+ * the store's alone, so what is committed is what was checked.
  */
-#include <glob.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <map>
 #include <memory>
 #include <string>
 
 #include "backend_fs/kolvvessaBackend_fs.h"
+#include "backend_fs/source_file.h"
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_object.h"
 
 namespace {
 
-struct MdCtxFree {
-    void operator()(EVP_MD_CTX *p) const { EVP_MD_CTX_free(p); }
-};
-
-struct GlobFree {
-    void operator()(glob_t *p) const { globfree(p); }
-};
+/* Folders of the scratch folder: the store's alone. */
+const kolv::fs::DirSpec kScratchSpec = {0700, UID_ERR, GID_ERR};
 
 /* Text fields: a null value deletes the field's file from the next
  * version, any other value is written to strDir/text/NAME and added. */
-bool TextToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash, const Json::Value &jParm, const std::string &strDir,
-                uid_t owner) {
+bool TextToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash, const Json::Value &jParm, const std::string &strDir) {
     if (!jParm.isMember("text")) return true;
     if (KOLV_FAIL_IF(1007, !jParm["text"].isObject())) return false;
     std::string strTextFolder = strDir + "/text";
@@ -46,7 +48,8 @@ bool TextToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash, const Json::Valu
             if (KOLV_FAIL_IF(1036, 0 > TRABCSzHashSetValue(&pDelHash, strRelativePath.c_str(), "delete"))) return false;
             continue;
         }
-        if (KOLV_FAIL_IF(1032, 0 > KOLVFSMkdirP(strTextFolder.c_str(), NULL, TRUE, owner, GID_USERS, -1))) return false;
+        kolv::Fd fdText(kolv::fs::MakeDirs(strTextFolder, kScratchSpec));
+        if (KOLV_FAIL_IF(1032, 0 > fdText.get())) return false;
         std::string strFilePath = strTextFolder + "/" + strFileNameEncode;
         if (KOLV_APPEND_IF(!KOLVVessaJsonToFile(*itr, strFilePath))) return false;
         if (KOLV_FAIL_IF(1036, 0 > TRABCSzHashSetValue(&pAddHash, strRelativePath.c_str(), strFilePath.c_str())))
@@ -70,17 +73,43 @@ bool AddBinary(TRABCSzHash *&pAddHash, const std::string &strEncoded, const std:
     return true;
 }
 
-/* A file taken from item["path"], with its MD5. */
+/* A file taken from item["path"] as the requester may read it, copied
+ * into the scratch folder, with the MD5 of the copy. */
 bool BinaryFromPath(TRABCSzHash *&pAddHash, const Json::Value &jItem, const std::string &strEncoded,
-                    const std::string &strBinaryInfoFolder) {
+                    const std::string &strBinaryFolder, const std::string &strBinaryInfoFolder, uid_t requester) {
     if (KOLV_FAIL_IF(1007, !jItem["path"].isString())) return false;
-    std::string strBinaryPath = jItem["path"].asString();
+    std::string strSource = jItem["path"].asString();
+    std::string strBinaryPath = strBinaryFolder + "/" + strEncoded;
+    if (KOLV_FAIL_IF(1023, !kolv::CopySourceFile(strSource, requester, strBinaryPath))) return false;
     std::string strMD5;
     if (KOLV_APPEND_IF(!KOLVVessaObjectEvalFileMd5(strBinaryPath.c_str(), strMD5))) return false;
     Json::Value jInfo;
     jInfo["format"] = jItem["format"];
     jInfo["md5"] = strMD5;
     return AddBinary(pAddHash, strEncoded, strBinaryPath, jInfo, strBinaryInfoFolder);
+}
+
+/* A file of another object's current version, copied into the scratch
+ * folder without following a link, with the MD5 its info records. */
+bool BinaryFromObject(TRABCSzHash *&pAddHash, const Json::Value &jPathInfo, const std::string &strEncoded,
+                      const std::string &strBinaryFolder, const std::string &strBinaryInfoFolder) {
+    std::string strSource = jPathInfo[KOLVVES_BIN_PATH].asString() + "/" + strEncoded;
+    std::string strSourceInfo = jPathInfo[KOLVVES_BIN_INFO_PATH].asString() + "/" + strEncoded;
+    std::string strBinaryPath = strSource, strBinaryInfoPath = strSourceInfo;
+    if (KOLV_APPEND_IF(!TRABCFileExist(strBinaryPath.c_str()))) return false;
+    if (KOLV_APPEND_IF(!TRABCFileExist(strBinaryInfoPath.c_str()))) return false;
+    Json::Value jObjTmp;
+    if (!kolv::JsonFromFile(jObjTmp, strSourceInfo) || !jObjTmp.isObject()) jObjTmp = Json::Value();
+    if (KOLV_APPEND_IF(!jObjTmp.isMember("md5"))) return false;
+    kolv::Fd fdSource(kolv::fs::OpenFile(strSource, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+    struct stat st;
+    if (KOLV_FAIL_IF(1002, 0 > fdSource.get() || 0 != fstat(fdSource.get(), &st) || !S_ISREG(st.st_mode))) return false;
+    std::string strCopy = strBinaryFolder + "/" + strEncoded;
+    if (KOLV_FAIL_IF(1003, !kolv::fs::CopyFromFd(fdSource.get(), strCopy))) return false;
+    Json::Value jInfo;
+    jInfo["format"] = "raw";
+    jInfo["md5"] = jObjTmp["md5"];
+    return AddBinary(pAddHash, strEncoded, strCopy, jInfo, strBinaryInfoFolder);
 }
 
 bool BinaryDelete(TRABCSzHash *&pDelHash, const std::string &strEncoded) {
@@ -92,59 +121,47 @@ bool BinaryDelete(TRABCSzHash *&pDelHash, const std::string &strEncoded) {
     return true;
 }
 
-bool ParseTextFile(const std::string &strPath, Json::Value &jValue) {
-    return !KOLV_FAIL_IF(1003, !kolv::JsonFromFile(jValue, strPath));
-}
-
-/* Every file of strRepoDir/text, by decoded name. */
-bool KOLVVessaObjectGetTextByAll(const std::string &strRepoDir, Json::Value &jText) {
-    glob_t tGlob = {};
-    std::unique_ptr<glob_t, GlobFree> pGlob(&tGlob);
-    // A version without text fields has no "text" folder at all: git
-    // keeps no empty folders, so its absence means no fields, not a fault.
-    std::string strTextDir = strRepoDir + "/text";
-    if (!TRABCFileExist(strTextDir.c_str())) return true;
-    std::string strPattern = strTextDir + "/*";
-    int rv = glob(strPattern.c_str(), GLOB_ERR, NULL, &tGlob);
-    if (GLOB_NOMATCH == rv) return true;
-    if (0 != rv) {
-        KOLV_FAIL_FMT(1000, "glob fail, path=%s, rv=%d", strPattern.c_str(), rv);
-        return false;
-    }
-    for (size_t i = 0; i < tGlob.gl_pathc; i++) {
-        std::string strPath = tGlob.gl_pathv[i];
-        std::string strFileNameEncode = strPath.substr(strPath.rfind('/') + 1);
+/* The version's files of one folder ("text/NAME" -> content) by decoded
+ * name, only those named in pjOnly when it is an object. */
+bool FolderFiles(const std::map<std::string, std::string> &files, const char *szDir, const Json::Value *pjOnly,
+                 std::map<std::string, const std::string *> &out) {
+    std::string strPrefix = std::string(szDir) + "/";
+    for (auto it = files.lower_bound(strPrefix);
+         it != files.end() && 0 == it->first.compare(0, strPrefix.size(), strPrefix); ++it) {
         std::string strName;
-        if (KOLV_APPEND_IF(!KOLVVessaDecode(strFileNameEncode, strName))) return false;
-        if (!ParseTextFile(strPath, jText[strName])) return false;
-    }
-    return true;
-}
-
-/* The fields named in jSelect; a name without a file is skipped. */
-bool KOLVVessaObjectGetTextByObject(const Json::Value &jSelect, const std::string &strRepoDir, Json::Value &jText) {
-    for (Json::Value::const_iterator itr = jSelect.begin(); itr != jSelect.end(); ++itr) {
-        std::string strFileNameEncode;
-        if (KOLV_APPEND_IF(!KOLVVessaEncode(itr.name(), strFileNameEncode))) return false;
-        std::string strPath = strRepoDir + "/text/" + strFileNameEncode;
-        if (!TRABCFileExist(strPath.c_str())) continue;
-        if (!ParseTextFile(strPath, jText[itr.name()])) return false;
+        if (KOLV_APPEND_IF(!KOLVVessaDecode(it->first.substr(strPrefix.size()), strName))) return false;
+        if (pjOnly && pjOnly->isObject() && !pjOnly->isMember(strName)) continue;
+        out[strName] = &it->second;
     }
     return true;
 }
 
 } // namespace
 
-bool KOLVVessaObjectEvalFileMd5(const char *szPath, std::string &strMd5) {
+namespace kolv {
+namespace nofollow {
+
+/* fopen for reading that never follows a link below the repository root
+ * and never blocks on a FIFO: within this namespace it stands for the C
+ * library's. */
+FILE *fopen(const char *szPath, const char *szMode) {
+    Fd fd(fs::OpenFile(szPath, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+    if (0 > fd.get()) return NULL;
+    FILE *pFile = fdopen(fd.get(), szMode);
+    if (pFile) fd.release();
+    return pFile;
+}
+
+bool EvalFileMd5(const char *szPath, std::string &strMd5) {
     FILE *inFile = NULL;
     // clang-format off
     if (KOLV_FAIL_IF(1002, NULL == (inFile = fopen (szPath, "rb")))) return false;
     // clang-format on
-    kolv::File pFile(inFile);
-    std::unique_ptr<EVP_MD_CTX, MdCtxFree> pCtx(EVP_MD_CTX_new());
+    File pFile(inFile);
+    MdCtx pCtx(EVP_MD_CTX_new());
     if (KOLV_FAIL_IF(1014, NULL == pCtx)) return false;
     if (KOLV_FAIL_IF(1000, 1 != EVP_DigestInit_ex(pCtx.get(), EVP_md5(), NULL))) return false;
-    unsigned char rgBuf[1024];
+    unsigned char rgBuf[65536];
     size_t cbRead = 0;
     while (0 < (cbRead = fread(rgBuf, 1, sizeof(rgBuf), inFile))) {
         if (KOLV_FAIL_IF(1000, 1 != EVP_DigestUpdate(pCtx.get(), rgBuf, cbRead))) return false;
@@ -162,61 +179,69 @@ bool KOLVVessaObjectEvalFileMd5(const char *szPath, std::string &strMd5) {
     return true;
 }
 
+} // namespace nofollow
+} // namespace kolv
+
+bool KOLVVessaObjectEvalFileMd5(const char *szPath, std::string &strMd5) {
+    return kolv::nofollow::EvalFileMd5(szPath, strMd5);
+}
+
 bool KOLVVESSA_BACKEND_FS::KOLVVessaObjectVersionDataToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash,
                                                             const Json::Value &jParm, const std::string &strDir) {
-    uid_t owner = (uid_t)jParm["owner"].asUInt();
-    if (!TextToDisk(pAddHash, pDelHash, jParm, strDir, owner)) return false;
+    if (!TextToDisk(pAddHash, pDelHash, jParm, strDir)) return false;
     if (!jParm.isMember("binary_files")) return true;
     if (KOLV_FAIL_IF(1007, !jParm["binary_files"].isArray())) return false;
     std::string strBinaryFolder = strDir + "/binary";
     std::string strBinaryInfoFolder = strDir + "/binary_info";
+    uid_t requester = kolv::RequesterOf(jParm);
     for (Json::ArrayIndex idx = 0; idx < jParm["binary_files"].size(); idx++) {
         const Json::Value &jItem = jParm["binary_files"][idx];
         if (KOLV_FAIL_IF(1007, !jItem.isObject() || !jItem["name"].isString())) return false;
         std::string strFileNameEncode;
         if (KOLV_APPEND_IF(!KOLVVessaEncode(jParm["binary_files"][idx]["name"].asString(), strFileNameEncode)))
             return false;
-        if (KOLV_FAIL_IF(1032, 0 > KOLVFSMkdirP(strBinaryFolder.c_str(), NULL, TRUE, owner, GID_USERS, -1)) ||
-            KOLV_FAIL_IF(1032, 0 > KOLVFSMkdirP(strBinaryInfoFolder.c_str(), NULL, TRUE, owner, GID_USERS, -1)))
-            return false;
+        kolv::Fd fdBinary(kolv::fs::MakeDirs(strBinaryFolder, kScratchSpec));
+        kolv::Fd fdInfo(kolv::fs::MakeDirs(strBinaryInfoFolder, kScratchSpec));
+        if (KOLV_FAIL_IF(1032, 0 > fdBinary.get() || 0 > fdInfo.get())) return false;
         std::string strFormat = jItem["format"].isString() ? jItem["format"].asString() : "";
         if ("delete" == strFormat) {
             if (!BinaryDelete(pDelHash, strFileNameEncode)) return false;
         } else if ("object" != strFormat) {
-            if (!BinaryFromPath(pAddHash, jItem, strFileNameEncode, strBinaryInfoFolder)) return false;
+            if (!BinaryFromPath(pAddHash, jItem, strFileNameEncode, strBinaryFolder, strBinaryInfoFolder, requester))
+                return false;
         } else {
-            // The file of another object's current version, with its MD5.
-            Json::Value jPathInfoTmp, jObjTmp;
-            if (KOLV_APPEND_IF(!mf_GetBinaryObjectPath(jParm["binary_files"][idx], jPathInfoTmp))) return false;
-            std::string strBinaryPath = jPathInfoTmp[KOLVVES_BIN_PATH].asString() + "/" + strFileNameEncode;
-            std::string strBinaryInfoPath = jPathInfoTmp[KOLVVES_BIN_INFO_PATH].asString() + "/" + strFileNameEncode;
-            if (KOLV_APPEND_IF(!TRABCFileExist(strBinaryPath.c_str()))) return false;
-            if (KOLV_APPEND_IF(!TRABCFileExist(strBinaryInfoPath.c_str()))) return false;
-            if (!kolv::JsonFromFile(jObjTmp, strBinaryInfoPath) || !jObjTmp.isObject()) jObjTmp = Json::Value();
-            if (KOLV_APPEND_IF(!jObjTmp.isMember("md5"))) return false;
-            Json::Value jInfo;
-            jInfo["format"] = "raw";
-            jInfo["md5"] = jObjTmp["md5"];
-            if (!AddBinary(pAddHash, strFileNameEncode, strBinaryPath, jInfo, strBinaryInfoFolder)) return false;
+            Json::Value jPathInfoTmp;
+            if (KOLV_APPEND_IF(!mf_GetBinaryObjectPath(jItem, jPathInfoTmp))) return false;
+            if (!BinaryFromObject(pAddHash, jPathInfoTmp, strFileNameEncode, strBinaryFolder, strBinaryInfoFolder))
+                return false;
         }
     }
     return true;
 }
 
-bool KOLVVESSA_BACKEND_FS::mf_VersionDataFromDisk(const std::string &strRepoDir, KOLV_VESSA_OBJECT *pObject) {
+bool KOLVVESSA_BACKEND_FS::mf_VersionDataFromFiles(const std::map<std::string, std::string> &files,
+                                                   KOLV_VESSA_OBJECT *pObject) {
     const Json::Value &jParm = m_jParm;
     const Json::Value &jField = jParm.isMember("field") && jParm["field"].isObject() ? jParm["field"] : Json::Value();
     Json::Value jText;
-    if (jField.isMember("text") && jField["text"].isBool() && jField["text"].asBool()) {
+    const Json::Value &jTextSel = jField.isObject() ? jField["text"] : Json::Value::nullSingleton();
+    if ((jTextSel.isBool() && jTextSel.asBool()) || jTextSel.isObject()) {
         jText = Json::Value(Json::objectValue);
-        if (KOLV_APPEND_IF(!KOLVVessaObjectGetTextByAll(strRepoDir, jText))) return false;
-    } else if (jField.isMember("text") && jField["text"].isObject()) {
-        jText = Json::Value(Json::objectValue);
-        if (KOLV_APPEND_IF(!KOLVVessaObjectGetTextByObject(m_jParm["field"]["text"], strRepoDir, jText))) return false;
+        std::map<std::string, const std::string *> texts;
+        if (KOLV_APPEND_IF(!FolderFiles(files, "text", &jTextSel, texts))) return false;
+        for (const auto &text : texts) {
+            if (KOLV_FAIL_IF(1003, !kolv::JsonFromString(jText[text.first], *text.second))) return false;
+        }
     }
     Json::Value jBinaryInfo(Json::objectValue);
-    std::string strBinaryPath = strRepoDir + "/binary_info";
-    if (KOLV_APPEND_IF(!mf_GetBinaryInfoByDir(strBinaryPath, jBinaryInfo, "binary_info"))) return false;
+    const Json::Value *pjOnly = jField.isObject() && jField.isMember("binary_info") ? &jField["binary_info"] : NULL;
+    std::map<std::string, const std::string *> infos;
+    if (KOLV_APPEND_IF(!FolderFiles(files, "binary_info", pjOnly, infos))) return false;
+    for (const auto &info : infos) {
+        Json::Value jRecord;
+        // A record that does not parse is skipped, as a folder of them is read.
+        if (kolv::JsonFromString(jRecord, *info.second)) jBinaryInfo[info.first] = jRecord;
+    }
     if (pObject) {
         pObject->set_text(jText);
         pObject->set_binary_info(jBinaryInfo);

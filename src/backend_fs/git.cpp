@@ -3,9 +3,9 @@
  * binary files as one commit, reading the latest or an older version back,
  * and the backend's version operations (get, list, diff).
  *
- * A version that is not the latest is checked out into the process's
- * scratch folder ("tmp" of the path info), which never outlives the call
- * that made it.
+ * Versions are read from the repository's objects. A request's files are
+ * staged in a scratch folder of the call below "@tmp", which never
+ * outlives it.
  */
 #include <syslog.h>
 #include <time.h>
@@ -14,45 +14,19 @@
 #include <string>
 
 #include "backend_fs/kolvvessaBackend_fs.h"
+#include "backend_fs/source_file.h"
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
+#include "common/kolvvessa_raii.h"
+#include "common/kolvvessa_safe_fs.h"
+#include "kolvvessa_git_internal.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_git.h"
 #include "kolvvessa/kolvvessa_object.h"
 #include "kolvvessa/kolvvessa_version.h"
 
 namespace {
-
-/* Frees a platform hash or list through the caller's pointer, which the
- * platform may move while it grows. */
-template <typename T, void (*Free)(T *)> class RefGuard {
-  public:
-    explicit RefGuard(T *&p) : m_p(p) {}
-    ~RefGuard() { Free(m_p); }
-    RefGuard(const RefGuard &) = delete;
-    RefGuard &operator=(const RefGuard &) = delete;
-
-  private:
-    T *&m_p;
-};
-
-/* Removes the scratch folder on scope exit unless kept. */
-class ScratchRemover {
-  public:
-    explicit ScratchRemover(const std::string &strDir) : m_strDir(strDir), m_blKeep(false) {}
-    ~ScratchRemover() {
-        if (!m_blKeep && 0 > KOLVFSRemoveTree(m_strDir.c_str()))
-            syslog(LOG_ERR, "%s:%d cannot remove %s", __FILE__, __LINE__, m_strDir.c_str());
-    }
-    ScratchRemover(const ScratchRemover &) = delete;
-    ScratchRemover &operator=(const ScratchRemover &) = delete;
-    void Keep() { m_blKeep = true; }
-
-  private:
-    std::string m_strDir;
-    bool m_blKeep;
-};
 
 /* Request members read as texts that may be absent: asCString() gives
  * NULL for anything but a string, which the git layer reads as "the
@@ -75,12 +49,6 @@ class OptionalStrings {
     const Json::Value &m_j;
 };
 const Json::Value OptionalStrings::s_jNull;
-
-uid_t RequesterOf(const Json::Value &jParm) {
-    const Json::Value &jRequester = jParm["requester"];
-    if (jRequester.isUInt()) return jRequester.asUInt();
-    return jRequester.isInt() ? (uid_t)jRequester.asInt() : UID_ROOT;
-}
 
 /* The author of a commit. A commit needs a name and a mail; a user
  * without them (the system, say) is named by the uid. */
@@ -128,28 +96,45 @@ bool DiffEntry(const char *szKey, const char *szStatus, Json::Value &jDiff) {
 
 } // namespace
 
+bool KOLVVESSA_BACKEND_FS::mf_MakeScratch(std::string &strScratch) {
+    // "tmp" of the path info names the repository's "@tmp" and this
+    // object; each call adds a random part, so concurrent calls (threads
+    // of one process included) never share a folder.
+    std::string strTmp = m_jPathInfo[KOLVVES_TMP].asString();
+    size_t slash = strTmp.rfind('/');
+    if (KOLV_FAIL_IF(1015, std::string::npos == slash)) return false;
+    strScratch = kolv::fs::MakeTempDir(strTmp.substr(0, slash), strTmp.substr(slash + 1) + ".");
+    if (KOLV_FAIL_IF(1032, strScratch.empty())) return false;
+    return true;
+}
+
 bool KOLVVESSA_BACKEND_FS::mf_SaveGit(std::string &strNewVer) {
     std::string strRepoDir = m_jPathInfo[KOLVVES_VERSION].asString();
     std::string strFilePath = m_jPathInfo[KOLVVES_GIT_INFO].asString();
-    std::string strTempDir = m_jPathInfo[KOLVVES_TMP].asString();
     TRABCSzHash *pAddHash = NULL, *pDelHash = NULL;
-    RefGuard<TRABCSzHash, TRABCSzHashFree> addGuard(pAddHash), delGuard(pDelHash);
+    kolv::SzHashFreeThrough addGuard(pAddHash), delGuard(pDelHash);
     if (KOLV_FAIL_IF(1014, NULL == (pAddHash = TRABCSzHashAlloc(BUFSIZ)))) return false;
     if (KOLV_FAIL_IF(1014, NULL == (pDelHash = TRABCSzHashAlloc(BUFSIZ)))) return false;
     std::string strName, strMail;
     kolv::KolvJson jCommitMsg;
-    jCommitMsg["author_uid"] = (Json::UInt)RequesterOf(m_jParm);
+    jCommitMsg["author_uid"] = (Json::UInt)kolv::RequesterOf(m_jParm);
     jCommitMsg["commit_msg"] = m_jParm.get("commit_msg", Json::Value());
-    AuthorOf(RequesterOf(m_jParm), strName, strMail);
+    AuthorOf(kolv::RequesterOf(m_jParm), strName, strMail);
     if (!m_jParm.isMember("mtime")) {
         syslog(LOG_ERR, "%s:%d lost mtime, auto generate\n", __FILE__, __LINE__);
         m_jParm["mtime"] = (Json::Int64)time(NULL);
     }
+    bool blNew = !m_jParm.isMember("version");
+    if (!blNew && !m_jParm.isMember("text") && !m_jParm.isMember("binary_files")) return true;
+    // The request's files are staged in a scratch folder of this call,
+    // the store's alone: what is committed is what was checked.
+    std::string strTempDir;
+    if (KOLV_APPEND_IF(!mf_MakeScratch(strTempDir))) return false;
+    kolv::TreeRemover scratch(strTempDir);
+    if (KOLV_APPEND_IF(!KOLVVessaObjectVersionDataToDisk(pAddHash, pDelHash, m_jParm, strTempDir))) return false;
     int ret = 0;
     Json::Value jGitInfo;
-    if (!m_jParm.isMember("version")) {
-        // A new object: its files go straight into the work tree.
-        if (KOLV_APPEND_IF(!KOLVVessaObjectVersionDataToDisk(pAddHash, pDelHash, m_jParm, strRepoDir))) return false;
+    if (blNew) {
         if (KOLV_GIT_FAIL_IF(ret, GitCreateRepository(strRepoDir.c_str(), m_jParm["mtime"].asInt64(), pAddHash,
                                                       pDelHash, strName.c_str(), strMail.c_str(),
                                                       jCommitMsg.toString().c_str(), strNewVer)))
@@ -158,14 +143,8 @@ bool KOLVVESSA_BACKEND_FS::mf_SaveGit(std::string &strNewVer) {
         jGitInfo["listable_commit_cnt"] = IsListable(m_jParm) ? 1 : 0;
         return !KOLV_APPEND_IF(!KOLVVessaJsonToFile(jGitInfo, strFilePath));
     }
-    if (!m_jParm.isMember("text") && !m_jParm.isMember("binary_files")) return true;
-    // From here the scratch folder may hold this request's files; a stale
-    // one of an earlier run of this process goes first.
-    KOLVFSRemoveTree(strTempDir.c_str());
-    ScratchRemover scratch(strTempDir);
     Json::Value jOld;
     if (KOLV_APPEND_IF(!mf_GetJsonFile(KOLVVES_GIT_INFO, jOld))) return false;
-    if (KOLV_APPEND_IF(!KOLVVessaObjectVersionDataToDisk(pAddHash, pDelHash, m_jParm, strTempDir))) return false;
     if (KOLV_GIT_FAIL_IF(ret, GitCommit(strRepoDir.c_str(), m_jParm["version"].asCString(), m_jParm["mtime"].asInt64(),
                                         pAddHash, pDelHash, NULL, strName.c_str(), strMail.c_str(),
                                         jCommitMsg.toString().c_str(), strNewVer)))
@@ -180,25 +159,19 @@ bool KOLVVESSA_BACKEND_FS::mf_SaveGit(std::string &strNewVer) {
 }
 
 bool KOLVVESSA_BACKEND_FS::mf_GetGit(KOLV_VESSA_OBJECT *pObject) {
+    const Json::Value &jParm = m_jParm;
+    if (KOLV_FAIL_IF(1007, jParm.isMember("version") && !jParm["version"].isString())) return false;
+    // Read from the repository's objects, the latest version as any
+    // other: no scratch folder, no work tree half written by a crash.
+    bool blLatest = !jParm.isMember("version") || jParm["version"].asString().empty();
+    const char *szVersion = blLatest ? NULL : jParm["version"].asCString();
+    std::map<std::string, std::string> files;
     Json::Value jCommitInfo;
     int ret = 0;
-    if (KOLV_GIT_FAIL_IF(ret, GitGetCommitInfo(m_jPathInfo[KOLVVES_VERSION].asCString(), NULL, jCommitInfo)))
+    if (KOLV_GIT_FAIL_IF(ret, kolv::git::ReadVersion(m_jPathInfo[KOLVVES_VERSION].asCString(), szVersion,
+                                                     {"text", "binary_info"}, files, jCommitInfo)))
         return false;
-    const Json::Value &jParm = m_jParm;
-    // Removed on every failure from here, and after an older version.
-    ScratchRemover scratch(m_jPathInfo[KOLVVES_TMP].asString());
-    if (KOLV_FAIL_IF(1007, jParm.isMember("version") && !jParm["version"].isString())) return false;
-    bool blLatest = !jParm.isMember("version") || jParm["version"].asString().empty() ||
-                    jParm["version"].asString() == jCommitInfo["version"].asString();
-    std::string strTempDir = m_jPathInfo[blLatest ? KOLVVES_VERSION : KOLVVES_TMP].asString();
-    if (!blLatest) {
-        if (KOLV_FAIL_IF(1032, 0 > KOLVFSMkdirP(strTempDir.c_str(), NULL, TRUE, UID_ERR, GID_ERR, -1))) return false;
-        if (KOLV_GIT_FAIL_IF(ret, GitLoadCommit(m_jPathInfo[KOLVVES_VERSION].asCString(),
-                                                m_jParm["version"].asCString(), strTempDir.c_str(), jCommitInfo)))
-            return false;
-    }
-    if (KOLV_APPEND_IF(!mf_VersionDataFromDisk(strTempDir, pObject))) return false;
-    if (blLatest) scratch.Keep();
+    if (KOLV_APPEND_IF(!mf_VersionDataFromFiles(files, pObject))) return false;
     if (NULL == pObject) return true;
     pObject->set_version(jCommitInfo["version"].asString());
     const Json::Value &jField = jParm["field"];
@@ -224,15 +197,15 @@ bool KOLVVESSA_BACKEND_FS::mf_LoadGitVersion(std::string &strGitDir, bool &blLat
         blLatest = true;
         return true;
     }
-    std::string strTempDir = m_jPathInfo[KOLVVES_TMP].asString();
-    ScratchRemover scratch(strTempDir);
-    if (KOLV_FAIL_IF(1032, 0 > KOLVFSMkdirP(strTempDir.c_str(), NULL, TRUE, UID_ERR, GID_ERR, -1))) return false;
+    std::string strScratch;
+    if (KOLV_APPEND_IF(!mf_MakeScratch(strScratch))) return false;
+    kolv::TreeRemover scratch(strScratch);
     if (KOLV_GIT_FAIL_IF(ret, GitLoadCommit(m_jPathInfo[KOLVVES_VERSION].asCString(), m_jParm["version"].asCString(),
-                                            strTempDir.c_str(), jCommitInfo)))
+                                            strScratch.c_str(), jCommitInfo)))
         return false;
     // The caller reads the files and removes the folder.
     scratch.Keep();
-    strGitDir = strTempDir;
+    strGitDir = strScratch;
     blLatest = false;
     return true;
 }
@@ -273,25 +246,23 @@ bool KOLVVESSA_BACKEND_FS::mf_GetVersionGit(KOLV_VESSA_OBJECT_VERSION *pVer) {
 }
 
 bool KOLVVESSA_BACKEND_FS::mf_DiffVersionGit(Json::Value &jDiff) {
-    TRABCSzHash *pHash = NULL;
-    TRABCSzList *pKeys = NULL;
-    RefGuard<TRABCSzHash, TRABCSzHashFree> hashGuard(pHash);
-    RefGuard<TRABCSzList, TRABCSzListFree> keysGuard(pKeys);
-    if (KOLV_FAIL_IF(1014, NULL == (pHash = TRABCSzHashAlloc(BUFSIZ)))) return false;
-    if (KOLV_FAIL_IF(1014, NULL == (pKeys = TRABCSzListAlloc(BUFSIZ)))) return false;
+    kolv::SzHashRef pHash(TRABCSzHashAlloc(BUFSIZ));
+    kolv::SzListRef pKeys(TRABCSzListAlloc(BUFSIZ));
+    if (KOLV_FAIL_IF(1014, NULL == pHash.get())) return false;
+    if (KOLV_FAIL_IF(1014, NULL == pKeys.get())) return false;
     int ret = 0;
     {
         // "new_version" may be absent (the latest): read the request
         // through a view whose absent texts are NULL.
-        const OptionalStrings m_jParm(this->m_jParm);
-        if (KOLV_GIT_FAIL_IF(ret, GitDiff(m_jPathInfo[KOLVVES_VERSION].asCString(), m_jParm["old_version"].asCString(),
-                                          m_jParm["new_version"].asCString(), pHash)))
+        const OptionalStrings jRequest(m_jParm);
+        if (KOLV_GIT_FAIL_IF(ret, GitDiff(m_jPathInfo[KOLVVES_VERSION].asCString(), jRequest["old_version"].asCString(),
+                                          jRequest["new_version"].asCString(), pHash.get())))
             return false;
     }
-    if (KOLV_FAIL_IF(1000, 0 > TRABCSzHashEnumKey(pHash, &pKeys))) return false;
-    for (int i = 0; i < TRABCSzListCount(pKeys); i++) {
-        const char *szKey = TRABCSzListGet(pKeys, i);
-        if (!DiffEntry(szKey, TRABCSzHashGetValue(pHash, szKey), jDiff)) return false;
+    if (KOLV_FAIL_IF(1000, 0 > TRABCSzHashEnumKey(pHash.get(), pKeys.addr()))) return false;
+    for (int i = 0; i < TRABCSzListCount(pKeys.get()); i++) {
+        const char *szKey = TRABCSzListGet(pKeys.get(), i);
+        if (!DiffEntry(szKey, TRABCSzHashGetValue(pHash.get(), szKey), jDiff)) return false;
     }
     return true;
 }

@@ -6,11 +6,15 @@
  */
 #include "backend_fs/kolvvessaBackend_fs.h"
 
+#include <errno.h>
 #include <git2.h>
 
 #include <exception>
 
 #include "backend_fs/object_lock.h"
+#include "common/kolvvessa_raii.h"
+#include "common/kolvvessa_safe_fs.h"
+#include "kolvvessa/kolvvessa_error.h"
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
@@ -27,6 +31,13 @@ namespace {
 void PinLibgit2() {
     static const int s_pinned = git_libgit2_init();
     (void)s_pinned;
+}
+
+/* ".ID.RANDOM" in the folder of strFinal: not an id, so neither listed
+ * nor found by a get. */
+std::string HiddenBeside(const std::string &strFinal) {
+    size_t slash = strFinal.rfind('/');
+    return strFinal.substr(0, slash + 1) + "." + strFinal.substr(slash + 1) + "." + kolv::fs::RandomName(8);
 }
 
 } // namespace
@@ -49,13 +60,27 @@ bool KOLVVESSA_BACKEND_FS::Create(const Json::Value &jParm, std::string &strId, 
     return KOLV_NO_THROW(false, [&]() -> bool {
         if (KOLV_FAIL_IF(1015, jParm.isMember("version"))) return false;
         if (KOLV_APPEND_IF(!mf_init(jParm, true))) return false;
+        // The object is built in a hidden folder beside its place and
+        // renamed into place as the last step: a reader, or a second
+        // create of the id, sees all of it or nothing, and a failure
+        // anywhere removes what was made.
+        std::string strFinal = m_jPathInfo[KOLVVES_ID_PATH].asString();
+        std::string strHidden = HiddenBeside(strFinal);
+        if (KOLV_APPEND_IF(!mf_GetPathInfoByBase(strHidden, m_jPathInfo))) return false;
+        kolv::TreeRemover cleanup(strHidden);
         if (KOLV_APPEND_IF(!mf_CreatePath())) return false;
-        // Held until the version is committed: a second writer of this
-        // object sees either nothing of this create or all of it.
-        kolv::ObjectLock lock;
-        uid_t owner = (uid_t)m_jParm["owner"].asUInt();
-        if (KOLV_APPEND_IF(!lock.Acquire(m_jPathInfo[KOLVVES_ID_PATH].asString(), true, owner))) return false;
-        if (KOLV_APPEND_IF(!mf_SaveConfig(strNewVer))) return false;
+        {
+            kolv::ObjectLock lock;
+            uid_t owner = (uid_t)m_jParm["owner"].asUInt();
+            if (KOLV_APPEND_IF(!lock.Acquire(strHidden, true, owner))) return false;
+            if (KOLV_APPEND_IF(!mf_SaveConfig(strNewVer))) return false;
+        }
+        int rc = kolv::fs::Rename(strHidden, strFinal, true);
+        bool blTaken = 0 != rc && EEXIST == errno;
+        if (KOLV_FAIL_IF(KOLV_ERR_ID_EXISTS, blTaken)) return false;
+        if (KOLV_FAIL_IF(KOLV_ERR_RENAME, 0 != rc)) return false;
+        cleanup.Keep();
+        if (KOLV_APPEND_IF(!mf_GetPathInfoByBase(strFinal, m_jPathInfo))) return false;
         strId = m_jParm["id"].asString();
         return true;
     });
@@ -66,7 +91,7 @@ bool KOLVVESSA_BACKEND_FS::Set(const Json::Value &jParm, std::string &strNewVer)
         if (KOLV_FAIL_IF(1015, !jParm.isMember("version"))) return false;
         if (KOLV_APPEND_IF(!mf_init(jParm))) return false;
         // A change never brings an object into being.
-        if (KOLV_FAIL_IF(1008, !TRABCFileCheckDir(m_jPathInfo[KOLVVES_ID_PATH].asCString()))) return false;
+        if (KOLV_FAIL_IF(1008, !kolv::fs::IsDir(m_jPathInfo[KOLVVES_ID_PATH].asString()))) return false;
         kolv::ObjectLock lock;
         uid_t owner = (uid_t)m_jParm["owner"].asUInt();
         if (KOLV_APPEND_IF(!lock.Acquire(m_jPathInfo[KOLVVES_ID_PATH].asString(), true, owner))) return false;

@@ -16,6 +16,7 @@
 #include <json/json.h>
 #include <kolvplatform/kolv_platform.h>
 
+#include <map>
 #include <string>
 
 #include "kolvvessa/kolvvessa_backend.h"
@@ -83,7 +84,12 @@ class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
     bool mf_SaveGit(std::string &strNewVer);
     bool mf_GetGit(KOLV_VESSA_OBJECT *pObject);
     bool mf_LoadGitVersion(std::string &strGitDir, bool &blLatest);
-    bool mf_VersionDataFromDisk(const std::string &strRepoDir, KOLV_VESSA_OBJECT *pObject);
+    /* Fills the object's text and binary info from a version's files (as
+     * kolv::git::ReadVersion gives them), as the request's "field" selects. */
+    bool mf_VersionDataFromFiles(const std::map<std::string, std::string> &files, KOLV_VESSA_OBJECT *pObject);
+    /* A new scratch folder for this call below the repository's "@tmp"
+     * (the store's alone, mode 0700); the caller removes it. */
+    bool mf_MakeScratch(std::string &strScratch);
     int mf_ListVersionGit(KOLV_VESSA_OBJECT_VERSION **ppHead);
     bool mf_GetVersionGit(KOLV_VESSA_OBJECT_VERSION *pVer);
     bool mf_DiffVersionGit(Json::Value &jDiff);

@@ -165,6 +165,9 @@ bool KOLVVESSA_BACKEND_FS::mf_SaveConfig(std::string &strNewVer) {
     if (mf_NeedToSave(KOLVVES_BASIC) && KOLV_APPEND_IF(!mf_SaveBasic())) return false;
     if (mf_NeedToSave(KOLVVES_META_TEXT) && KOLV_APPEND_IF(!mf_SaveMetaText())) return false;
     if (mf_NeedToSave(KOLVVES_META_BIN) && KOLV_APPEND_IF(!mf_SaveMetaBinary())) return false;
-    if (mf_NeedToSave(KOLVVES_VERSION) && KOLV_APPEND_IF(!mf_SaveGit(strNewVer))) return false;
+    // Binary files alone make a version too: "binary_files" is a request
+    // member, not a field of the table.
+    bool blVersion = mf_NeedToSave(KOLVVES_VERSION) || m_jParm.isMember("binary_files");
+    if (blVersion && KOLV_APPEND_IF(!mf_SaveGit(strNewVer))) return false;
     return true;
 }

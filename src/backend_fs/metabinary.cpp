@@ -12,8 +12,10 @@
 #include <unistd.h>
 
 #include "backend_fs/kolvvessaBackend_fs.h"
+#include "backend_fs/source_file.h"
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_json_internal.h"
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_object.h"
 
@@ -50,20 +52,21 @@ bool RequestIsNewer(const MetaBinaryItem &item, long long requestMtime) {
 }
 
 bool UnlinkIfThere(const std::string &strPath) {
-    if (KOLV_FAIL_IF(1000, 0 != unlink(strPath.c_str()) && ENOENT != errno)) return false;
+    if (KOLV_FAIL_IF(1000, 0 != kolv::fs::Unlink(strPath))) return false;
     return true;
 }
 
-bool StoreFile(const MetaBinaryItem &item, const Json::Value &jItem, long long requestMtime) {
-    // The copy goes through a temporary file and a rename: a reader sees the
-    // old bytes or the new ones, never a part.
+bool StoreFile(const MetaBinaryItem &item, const Json::Value &jItem, long long requestMtime, uid_t requester) {
+    // The source is read as the requester may read it; the copy goes
+    // through a temporary file and a rename: a reader sees the old bytes
+    // or the new ones, never a part, and never a link's target.
     std::string strSrc = jItem["path"].asString();
-    if (KOLV_FAIL_IF(1000, 0 > KOLVFileCopy(strSrc.c_str(), item.strFile.c_str()))) return false;
+    if (KOLV_FAIL_IF(1023, !kolv::CopySourceFile(strSrc, requester, item.strFile))) return false;
     // The digest of what was stored, not of a source that may change since.
     std::string strMD5;
     if (KOLV_APPEND_IF(!KOLVVessaObjectEvalFileMd5(item.strFile.c_str(), strMD5))) return false;
     struct stat st;
-    if (KOLV_FAIL_IF(1000, 0 != stat(item.strFile.c_str(), &st))) return false;
+    if (KOLV_FAIL_IF(1000, !kolv::fs::Lstat(item.strFile, st))) return false;
     Json::Value jInfo(Json::objectValue);
     jInfo["name"] = item.strName;
     jInfo["format"] = item.strFormat;
@@ -123,7 +126,7 @@ bool KOLVVESSA_BACKEND_FS::mf_SaveMetaBinary() {
         }
         if (kFormatDelete == item.strFormat) {
             if (KOLV_APPEND_IF(!DeleteFile(item))) return false;
-        } else if (KOLV_APPEND_IF(!StoreFile(item, jFiles[idx], requestMtime))) {
+        } else if (KOLV_APPEND_IF(!StoreFile(item, jFiles[idx], requestMtime, kolv::RequesterOf(m_jParm)))) {
             return false;
         }
     }
@@ -149,7 +152,7 @@ bool KOLVVESSA_BACKEND_FS::mf_GetMetaBinaryInfoByName(const std::string &strName
     std::string strNameEncode;
     if (KOLV_APPEND_IF(!KOLVVessaEncode(strName, strNameEncode))) return false;
     std::string strInfoPath = m_jPathInfo[KOLVVES_META_BIN_INFO].asString() + "/" + strNameEncode;
-    if (KOLV_FAIL_IF(1008, !TRABCFileExist(strInfoPath.c_str()))) return false;
+    if (KOLV_FAIL_IF(1008, !kolv::fs::Exists(strInfoPath))) return false;
     Json::Value jTmp;
     if (KOLV_FAIL_IF(1003, !kolv::JsonFromFile(jTmp, strInfoPath) || !jTmp.isObject())) return false;
     jInfo = jTmp;

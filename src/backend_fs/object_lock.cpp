@@ -3,10 +3,15 @@
  */
 #include "backend_fs/object_lock.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <kolvplatform/kolv_platform.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include "common/kolvvessa_fail.h"
+#include "common/kolvvessa_raii.h"
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_export.h"
 
 namespace kolv {
@@ -18,11 +23,15 @@ std::string ObjectLock::PathOf(const std::string &strObjectDir) {
 bool ObjectLock::Acquire(const std::string &strObjectDir, bool blExclusive, uid_t owner) {
     Release();
     std::string strLockPath = PathOf(strObjectDir);
-    bool blNew = !TRABCFileExist(strLockPath.c_str());
-    int handle = -1;
-    if (KOLV_FAIL_IF(1001, !TRABCFileLockByFile(strLockPath.c_str(), blExclusive ? TRUE : FALSE, &handle)))
-        return false;
-    m_handle = handle;
+    // Never through a link: the owner could point ".lock" anywhere.
+    bool blNew = !fs::Exists(strLockPath);
+    Fd fd(fs::OpenFile(strLockPath, O_RDONLY | O_CREAT, 0600));
+    if (KOLV_FAIL_IF(1001, 0 > fd.get())) return false;
+    int rc;
+    while (0 != (rc = flock(fd.get(), blExclusive ? LOCK_EX : LOCK_SH)) && EINTR == errno) {
+    }
+    if (KOLV_FAIL_IF(1001, 0 != rc)) return false;
+    m_handle = fd.release();
     // The lock file belongs to the object's owner like the rest of its
     // directory; without the privilege to give it away it stays ours.
     if (blNew && UID_ERR != owner) {
@@ -34,13 +43,14 @@ bool ObjectLock::Acquire(const std::string &strObjectDir, bool blExclusive, uid_
 
 bool ObjectLock::AcquireSharedIfExists(const std::string &strObjectDir, uid_t owner) {
     Release();
-    if (!TRABCFileCheckDir(strObjectDir.c_str())) return true;
+    if (!fs::IsDir(strObjectDir)) return true;
     return Acquire(strObjectDir, false, owner);
 }
 
 void ObjectLock::Release() {
     if (m_handle < 0) return;
-    TRABCFileUnlockByFile(m_handle);
+    flock(m_handle, LOCK_UN);
+    close(m_handle);
     m_handle = -1;
 }
 

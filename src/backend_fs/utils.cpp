@@ -8,29 +8,26 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <string.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <memory>
+#include <vector>
 
 #include "backend_fs/kolvvessaBackend_fs.h"
 #include "backend_fs/metabinary.h"
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_path_internal.h"
+#include "common/kolvvessa_raii.h"
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_export.h"
 #include "kolvvessa/kolvvessa_object.h"
 
 namespace {
-
-struct DirCloser {
-    void operator()(DIR *p) const {
-        if (p) closedir(p);
-    }
-};
-using Dir = std::unique_ptr<DIR, DirCloser>;
 
 /* The storage-unit keys that sit directly below the object directory. */
 const char *const rgBaseKeys[] = {KOLVVES_BASIC,         KOLVVES_META_TEXT,     KOLVVES_META_BIN,
@@ -45,7 +42,7 @@ void ChownTree(int fdParent, const char *szName, uid_t owner) {
     (void)rc;
     int fd = openat(fdParent, szName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return;
-    Dir pDir(fdopendir(fd));
+    kolv::Dir pDir(fdopendir(fd));
     if (!pDir) {
         close(fd);
         return;
@@ -54,6 +51,18 @@ void ChownTree(int fdParent, const char *szName, uid_t owner) {
         if (0 == strcmp(pEnt->d_name, ".") || 0 == strcmp(pEnt->d_name, "..")) continue;
         ChownTree(dirfd(pDir.get()), pEnt->d_name, owner);
     }
+}
+
+/* Gives a folder above the objects (the repository root, a namespace)
+ * back to the store, mode 0755, when an earlier version of the store left
+ * it to the first owner who created an object there. */
+bool ClaimForStore(const std::string &strDir) {
+    kolv::Fd fd(kolv::fs::OpenDir(strDir));
+    struct stat st;
+    if (0 > fd.get() || 0 != fstat(fd.get(), &st)) return false;
+    if (st.st_uid == geteuid() && 0755 == (st.st_mode & 07777)) return true;
+    if (st.st_uid != geteuid() && 0 != fchown(fd.get(), geteuid(), getegid())) return false;
+    return 0 == fchmod(fd.get(), 0755);
 }
 
 /* Whether an encoded name can be what KOLVVessaEncode made: 0-9, A-Z and
@@ -85,15 +94,15 @@ bool ReadInfoDir(const std::string &strDir, Json::Value &jOut, const Json::Value
     if (!jOut.isObject()) jOut = Json::Value(Json::objectValue);
     // Read in-process rather than through a shell pattern: a namespace or
     // id may hold pattern characters that must not match other objects.
-    Dir pDir(opendir(strDir.c_str()));
-    if (!pDir) {
+    // The folder is walked without following a link.
+    std::vector<std::string> names;
+    if (!fs::ListDir(strDir, names)) {
         if (ENOENT == errno) return true;
         KOLV_FAIL_FMT(1000, "glob fail, path=%s, rv=%d", strDir.c_str(), errno);
         return false;
     }
-    while (struct dirent *pEnt = readdir(pDir.get())) {
-        if (!IsEncodedName(pEnt->d_name)) continue;
-        std::string strNameEncode = pEnt->d_name;
+    for (const std::string &strNameEncode : names) {
+        if (!IsEncodedName(strNameEncode.c_str())) continue;
         std::string strName;
         if (KOLV_APPEND_IF(!KOLVVessaDecode(strNameEncode, strName))) return false;
         if (pjOnly && pjOnly->isObject() && !pjOnly->isMember(strName)) continue;
@@ -188,30 +197,34 @@ bool KOLVVESSA_BACKEND_FS::mf_CreatePath() {
     if (KOLV_FAIL_IF(1015, !m_jPathInfo.isMember(KOLVVES_BIN_INFO_PATH))) return false;
     if (KOLV_FAIL_IF(1015, !m_jPathInfo.isMember(KOLVVES_META_BIN))) return false;
     if (KOLV_FAIL_IF(1015, !m_jPathInfo.isMember(KOLVVES_META_BIN_INFO))) return false;
-    // Parents too: the object directory and "version" get the owner as well.
-    uid_t owner = (uid_t)m_jParm["owner"].asUInt();
-    if (KOLV_FAIL_IF(1032,
-                     0 > KOLVFSMkdirP(m_jPathInfo[KOLVVES_TEXT_PATH].asCString(), NULL, TRUE, owner, GID_USERS, -1)))
-        return false;
-    if (KOLV_FAIL_IF(1032,
-                     0 > KOLVFSMkdirP(m_jPathInfo[KOLVVES_BIN_PATH].asCString(), NULL, TRUE, owner, GID_USERS, -1)))
-        return false;
-    if (KOLV_FAIL_IF(
-            1032, 0 > KOLVFSMkdirP(m_jPathInfo[KOLVVES_BIN_INFO_PATH].asCString(), NULL, TRUE, owner, GID_USERS, -1)))
-        return false;
-    if (KOLV_FAIL_IF(1032,
-                     0 > KOLVFSMkdirP(m_jPathInfo[KOLVVES_META_BIN].asCString(), NULL, TRUE, owner, GID_USERS, -1)))
-        return false;
-    if (KOLV_FAIL_IF(
-            1032, 0 > KOLVFSMkdirP(m_jPathInfo[KOLVVES_META_BIN_INFO].asCString(), NULL, TRUE, owner, GID_USERS, -1)))
-        return false;
+    // The repository root and the namespace folders are the store's: an
+    // owner of one object must not be able to rename or remove another's.
+    std::string strRepo;
+    if (KOLV_APPEND_IF(!KOLVVessaGetRepoPath(strRepo))) return false;
+    if (KOLV_FAIL_IF(1032, 0 > KOLVFSMkdirP(strRepo.c_str(), NULL, TRUE, UID_ERR, GID_ERR, 0755))) return false;
+    if (KOLV_FAIL_IF(1032, !ClaimForStore(strRepo))) return false;
+    std::string strNsDir = strRepo + "/" + m_jParm["ns"].asString();
+    kolv::fs::DirSpec store = {0755, UID_ERR, GID_ERR};
+    kolv::Fd fdNs(kolv::fs::MakeDirs(strNsDir, store));
+    if (KOLV_FAIL_IF(1032, 0 > fdNs.get())) return false;
+    if (KOLV_FAIL_IF(1032, !ClaimForStore(strNsDir))) return false;
+    // From the object folder down, every folder is its owner's.
+    kolv::fs::DirSpec owner = {0755, (uid_t)m_jParm["owner"].asUInt(), GID_USERS};
+    for (const char *szKey :
+         {KOLVVES_TEXT_PATH, KOLVVES_BIN_PATH, KOLVVES_BIN_INFO_PATH, KOLVVES_META_BIN, KOLVVES_META_BIN_INFO}) {
+        kolv::Fd fd(kolv::fs::MakeDirs(m_jPathInfo[szKey].asString(), owner));
+        if (KOLV_FAIL_IF(1032, 0 > fd.get())) return false;
+    }
     return true;
 }
 
 bool KOLVVESSA_BACKEND_FS::mf_ResetPathPermission(const std::string &strPath) {
     if (KOLV_APPEND_IF(!m_jParm.isMember("owner"))) return false;
-    // chown -R owner path, in-process; the outcome is not checked.
-    ChownTree(AT_FDCWD, strPath.c_str(), (uid_t)m_jParm["owner"].asUInt());
+    // chown -R owner path, in-process, never through a link; the outcome
+    // is not checked.
+    std::string strName;
+    kolv::Fd fdParent(kolv::fs::OpenParent(strPath, strName));
+    if (0 <= fdParent.get()) ChownTree(fdParent.get(), strName.c_str(), (uid_t)m_jParm["owner"].asUInt());
     return true;
 }
 

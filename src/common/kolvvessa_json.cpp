@@ -1,7 +1,8 @@
 /*
  * JSON utilities: the top-level diff of two objects, the safe writing of a
- * value to a file (exclusive flock on the target, a ".tmp" file, a rename
- * into place), and the parse/serialise conveniences on Json::Value.
+ * value to a file (exclusive flock on the target, a temporary file of a
+ * random name beside it, flushed and renamed into place, never through a
+ * link), and the parse/serialise conveniences on Json::Value.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -10,15 +11,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_error.h"
 
@@ -60,39 +60,39 @@ bool LockWithRetry(int fdLock, const std::string &strPath) {
     return true;
 }
 
-// Whether fd still is the file that strPath names. A writer that waited
-// for the lock may hold the inode an earlier writer has just renamed away;
-// it must lock the new one instead, or two writers would share the ".tmp".
-bool LockedFileIsCurrent(int fd, const std::string &strPath) {
+// Whether fd still is the file that strName names in fdDir. A writer that
+// waited for the lock may hold the inode an earlier writer has just
+// renamed away; it must lock the new one instead.
+bool LockedFileIsCurrent(int fd, int fdDir, const std::string &strName) {
     struct stat stLocked, stPath;
-    if (0 != fstat(fd, &stLocked) || 0 != stat(strPath.c_str(), &stPath)) return false;
+    if (0 != fstat(fd, &stLocked) || 0 != fstatat(fdDir, strName.c_str(), &stPath, AT_SYMLINK_NOFOLLOW)) return false;
     return stLocked.st_dev == stPath.st_dev && stLocked.st_ino == stPath.st_ino;
 }
 
-// Opens the target as its own lock file and locks it, until the locked
-// inode is the one the path names.
-bool OpenAndLock(const std::string &strPath, kolv::Fd &lock) {
+// Opens the target as its own lock file, never through a link, and locks
+// it, until the locked inode is the one the name holds.
+bool OpenAndLock(const std::string &strPath, int fdDir, const std::string &strName, kolv::Fd &lock) {
     for (;;) {
-        int fdLock = open(strPath.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0600);
+        int fdLock = openat(fdDir, strName.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0600);
         lock.reset(fdLock);
         if (KOLV_FAIL_IF(1002, 0 > fdLock)) return false;
         if (!LockWithRetry(fdLock, strPath)) return false;
-        if (LockedFileIsCurrent(fdLock, strPath)) return true;
+        if (LockedFileIsCurrent(fdLock, fdDir, strName)) return true;
     }
 }
 
-// Writes the text to strTmp and renames it onto strPath. The caller holds
-// the lock.
-bool WriteAndRename(const Json::Value &value, const std::string &strTmp, const std::string &strPath) {
-    std::ofstream ofs(strTmp, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (KOLV_FAIL_IF(1002, !ofs.good())) return false;
-    ofs << kolv::JsonToString(value);
-    ofs.flush();
-    if (KOLV_FAIL_IF(1003, !ofs.good())) return false;
-    ofs.close();
-
-    if (0 != rename(strTmp.c_str(), strPath.c_str())) {
-        unlink(strTmp.c_str());
+// Writes the text to a new temporary file beside the target, flushes it
+// and renames it onto the target. The caller holds the lock.
+bool WriteAndRename(const Json::Value &value, int fdDir, const std::string &strName, const std::string &strPath) {
+    std::string strTmp;
+    kolv::Fd ofs(kolv::fs::CreateTempAt(fdDir, strName.c_str(), 0644, strTmp));
+    if (KOLV_FAIL_IF(1002, 0 > ofs.get())) return false;
+    std::string strText = kolv::JsonToString(value);
+    if (KOLV_FAIL_IF(1003, !kolv::fs::WriteAll(ofs.get(), strText.data(), strText.size()))) {
+        unlinkat(fdDir, strTmp.c_str(), 0);
+        return false;
+    }
+    if (!kolv::fs::FinishTempAt(fdDir, ofs.get(), strTmp, strName.c_str(), 0644)) {
         kolv::SetNoLog(KOLV_ERR_RENAME, __FILE__, __LINE__, "Failed to rename [%s] to [%s]", strTmp.c_str(),
                        strPath.c_str());
         return false;
@@ -134,10 +134,13 @@ bool KOLVVessaJsonToFile(const Json::Value &value, const std::string &strPath) {
     if (KOLV_FAIL_IF(1015, strPath.empty())) return false;
     // What can throw here is memory for the serialised text.
     return KOLV_NO_THROW_AS(false, 1014, "write aborted", [&]() -> bool {
+        std::string strName;
+        kolv::Fd fdDir(kolv::fs::OpenParent(strPath, strName));
+        if (KOLV_FAIL_IF(1002, 0 > fdDir.get())) return false;
         kolv::Fd lock;
-        if (!OpenAndLock(strPath, lock)) return false;
+        if (!OpenAndLock(strPath, fdDir.get(), strName, lock)) return false;
         FlockRelease release(lock.get());
-        return WriteAndRename(value, strPath + ".tmp", strPath);
+        return WriteAndRename(value, fdDir.get(), strName, strPath);
     });
 }
 
@@ -151,22 +154,26 @@ std::string JsonToString(const Json::Value &j) {
 }
 
 bool JsonFromString(Json::Value &j, const std::string &str) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> pReader(builder.newCharReader());
-    Json::Value jParsed;
-    std::string strErr;
-    if (!pReader->parse(str.data(), str.data() + str.size(), &jParsed, &strErr)) return false;
-    j = jParsed;
-    return true;
+    // The reader throws past its nesting limit: text nested too deep is
+    // text that does not parse.
+    try {
+        Json::CharReaderBuilder builder;
+        std::unique_ptr<Json::CharReader> pReader(builder.newCharReader());
+        Json::Value jParsed;
+        std::string strErr;
+        if (!pReader->parse(str.data(), str.data() + str.size(), &jParsed, &strErr)) return false;
+        j.swap(jParsed);
+        return true;
+    } catch (const std::exception &) {
+        return false;
+    }
 }
 
 bool JsonFromFile(Json::Value &j, const std::string &strPath) {
-    std::ifstream ifs(strPath, std::ios::in | std::ios::binary);
-    if (!ifs.is_open()) return false;
-    std::stringstream ss;
-    ss << ifs.rdbuf();
-    if (ifs.bad()) return false;
-    return JsonFromString(j, ss.str());
+    // Never through a link, never a FIFO or a device.
+    std::string strText;
+    if (!fs::ReadFile(strPath, strText)) return false;
+    return JsonFromString(j, strText);
 }
 
 bool KolvJson::toFile(const std::string &strPath) const {

@@ -7,12 +7,19 @@
 #include <git2.h>
 #include <glob.h>
 #include <kolvplatform/kolv_platform.h>
+#include <openssl/evp.h>
 #include <dirent.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/fsuid.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <memory>
+#include <string>
+#include <vector>
+
+#include "common/kolvvessa_safe_fs.h"
 
 namespace kolv {
 
@@ -46,24 +53,45 @@ using DBConn = Owned<KOLVDB, KOLVDBClose>;
 /* A user record of KOLVUserGet / KOLVUserGetByUID. */
 using User = Owned<KOLVUSER, KOLVUserFree>;
 
-/* A platform string list that the calls which grow it may move: pass
- * addr() where a TRABCSzList ** is asked for; freed on scope exit. */
-class SzListRef {
+/* A platform string list or hash that the calls which grow it may move:
+ * pass addr() (or ref()) where a T ** (or T *&) is asked for; freed on
+ * scope exit. */
+template <typename T, void (*Free)(T *)> class GrowingRef {
   public:
-    explicit SzListRef(TRABCSzList *p = NULL) : m_p(p) {}
-    ~SzListRef() {
-        if (m_p) TRABCSzListFree(m_p);
+    explicit GrowingRef(T *p = NULL) : m_p(p) {}
+    ~GrowingRef() {
+        if (m_p) Free(m_p);
     }
-    SzListRef(const SzListRef &) = delete;
-    SzListRef &operator=(const SzListRef &) = delete;
-    TRABCSzList *get() const { return m_p; }
-    TRABCSzList **addr() { return &m_p; }
+    GrowingRef(const GrowingRef &) = delete;
+    GrowingRef &operator=(const GrowingRef &) = delete;
+    T *get() const { return m_p; }
+    T **addr() { return &m_p; }
     /* The held pointer itself, to allocate into or to hand on by reference. */
-    TRABCSzList *&ref() { return m_p; }
+    T *&ref() { return m_p; }
 
   private:
-    TRABCSzList *m_p;
+    T *m_p;
 };
+/* Frees through the caller's own pointer variable, which the calls that
+ * grow a platform hash or list may move. */
+template <typename T, void (*Free)(T *)> class FreeThrough {
+  public:
+    explicit FreeThrough(T *&p) : m_p(p) {}
+    ~FreeThrough() {
+        if (m_p) Free(m_p);
+    }
+    FreeThrough(const FreeThrough &) = delete;
+    FreeThrough &operator=(const FreeThrough &) = delete;
+
+  private:
+    T *&m_p;
+};
+using SzListRef = GrowingRef<TRABCSzList, TRABCSzListFree>;
+using SzHashRef = GrowingRef<TRABCSzHash, TRABCSzHashFree>;
+using SzHashFreeThrough = FreeThrough<TRABCSzHash, TRABCSzHashFree>;
+
+/* A digest context of libcrypto. */
+using MdCtx = Owned<EVP_MD_CTX, EVP_MD_CTX_free>;
 
 inline void FreeChars(char *p) {
     free(p);
@@ -116,6 +144,63 @@ class Fd {
 
   private:
     int m_fd;
+};
+
+/* Removes a folder and everything below it (never through a link) on
+ * scope exit, unless kept: scratch folders, a create's hidden folder. */
+class TreeRemover {
+  public:
+    explicit TreeRemover(const std::string &strDir = std::string()) : m_strDir(strDir) {}
+    ~TreeRemover() {
+        if (!m_strDir.empty()) fs::RemoveTree(m_strDir);
+    }
+    TreeRemover(const TreeRemover &) = delete;
+    TreeRemover &operator=(const TreeRemover &) = delete;
+    void Reset(const std::string &strDir) { m_strDir = strDir; }
+    void Keep() { m_strDir.clear(); }
+
+  private:
+    std::string m_strDir;
+};
+
+/* Takes on a user's file-system identity (fsuid, fsgid and supplementary
+ * groups) on the calling thread alone, and gives it back on scope exit,
+ * so that what the kernel lets this thread open is what it would let the
+ * user open. Only a privileged process can change it; an unprivileged one
+ * keeps its own, which is no more than its own anyway. */
+class ThreadFsIdentity {
+  public:
+    ThreadFsIdentity(uid_t uid, gid_t gid, const std::vector<gid_t> &groups) : m_blChanged(false), m_blOk(true) {
+        if (0 != geteuid()) return;
+        int cGroups = getgroups(0, NULL);
+        m_oldGroups.resize(cGroups > 0 ? (size_t)cGroups : 0);
+        if (cGroups < 0 || getgroups(cGroups, m_oldGroups.data()) != cGroups) {
+            m_blOk = false;
+            return;
+        }
+        // The raw calls: the C library's setgroups changes every thread.
+        m_blChanged = true;
+        m_oldGid = (gid_t)setfsgid(gid);
+        m_oldUid = (uid_t)setfsuid(uid);
+        m_blOk = 0 == syscall(SYS_setgroups, groups.size(), groups.data()) && (uid_t)setfsuid((uid_t)-1) == uid &&
+                 (gid_t)setfsgid((gid_t)-1) == gid;
+    }
+    ~ThreadFsIdentity() {
+        if (!m_blChanged) return;
+        setfsuid(m_oldUid);
+        setfsgid(m_oldGid);
+        syscall(SYS_setgroups, m_oldGroups.size(), m_oldGroups.data());
+    }
+    ThreadFsIdentity(const ThreadFsIdentity &) = delete;
+    ThreadFsIdentity &operator=(const ThreadFsIdentity &) = delete;
+    bool Ok() const { return m_blOk; }
+
+  private:
+    bool m_blChanged;
+    bool m_blOk;
+    uid_t m_oldUid = 0;
+    gid_t m_oldGid = 0;
+    std::vector<gid_t> m_oldGroups;
 };
 
 } // namespace kolv

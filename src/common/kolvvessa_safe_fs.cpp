@@ -127,7 +127,10 @@ int Walk(const std::string &strPath, size_t nKeep, const DirSpec *pSpec, std::st
     return fd.release();
 }
 
-bool WriteAll(int fd, const char *p, size_t cb) {
+} // namespace
+
+bool WriteAll(int fd, const void *pv, size_t cb) {
+    const char *p = static_cast<const char *>(pv);
     while (cb > 0) {
         ssize_t n = write(fd, p, cb);
         if (n < 0 && EINTR == errno) continue;
@@ -138,8 +141,7 @@ bool WriteAll(int fd, const char *p, size_t cb) {
     return true;
 }
 
-/* A new temporary file beside szName in fdDir: ".NAME.RANDOM". */
-int CreateTemp(int fdDir, const char *szName, mode_t mode, std::string &strTmp) {
+int CreateTempAt(int fdDir, const char *szName, mode_t mode, std::string &strTmp) {
     for (int i = 0; i < 16; ++i) {
         strTmp = std::string(".") + szName + "." + RandomName(10);
         int fd = openat(fdDir, strTmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
@@ -148,9 +150,7 @@ int CreateTemp(int fdDir, const char *szName, mode_t mode, std::string &strTmp) 
     return -1;
 }
 
-/* Flushes the temporary file, renames it onto szName and flushes the
- * folder; removes it on failure. */
-bool Commit(int fdDir, int fdTmp, const std::string &strTmp, const char *szName, mode_t mode) {
+bool FinishTempAt(int fdDir, int fdTmp, const std::string &strTmp, const char *szName, mode_t mode) {
     bool blOk = !Injected("fsync") && 0 == fchmod(fdTmp, mode) && 0 == fsync(fdTmp);
     blOk = blOk && !Injected("rename") && 0 == renameat(fdDir, strTmp.c_str(), fdDir, szName);
     if (!blOk) {
@@ -161,18 +161,20 @@ bool Commit(int fdDir, int fdTmp, const std::string &strTmp, const char *szName,
     return 0 == fsync(fdDir);
 }
 
+namespace {
+
 /* Writes with fill(fdTmp) into a temporary file, then Commit. */
 template <typename F> bool ReplaceAt(int fdDir, const char *szName, mode_t mode, F fill) {
     if (Injected("write")) return false;
     std::string strTmp;
-    Fd fdTmp(CreateTemp(fdDir, szName, mode, strTmp));
+    Fd fdTmp(CreateTempAt(fdDir, szName, mode, strTmp));
     if (0 > fdTmp.get()) return false;
     if (!fill(fdTmp.get())) {
         ErrnoKeeper keep;
         unlinkat(fdDir, strTmp.c_str(), 0);
         return false;
     }
-    return Commit(fdDir, fdTmp.get(), strTmp, szName, mode);
+    return FinishTempAt(fdDir, fdTmp.get(), strTmp, szName, mode);
 }
 
 bool ReadAll(int fd, std::string &strOut) {

@@ -67,6 +67,15 @@ bool ReadFileAt(int fdDir, const char *szName, std::string &strOut);
 bool WriteFile(const std::string &strPath, const void *p, size_t cb, mode_t mode = 0644);
 bool WriteFileAt(int fdDir, const char *szName, const void *p, size_t cb, mode_t mode = 0644);
 
+/* The two halves of WriteFileAt for callers that write the content
+ * themselves: a new temporary file beside szName (".NAME.RANDOM",
+ * O_EXCL|O_NOFOLLOW; -1 with errno), then flush, rename onto szName and
+ * flush the folder (the temporary file is removed on failure). */
+int CreateTempAt(int fdDir, const char *szName, mode_t mode, std::string &strTmp);
+bool FinishTempAt(int fdDir, int fdTmp, const std::string &strTmp, const char *szName, mode_t mode);
+/* Writes all cb bytes at p to fd. */
+bool WriteAll(int fd, const void *p, size_t cb);
+
 /* Copies everything readable from fdSrc into strPath, as WriteFile
  * does. false with errno. */
 bool CopyFromFd(int fdSrc, const std::string &strPath, mode_t mode = 0644);

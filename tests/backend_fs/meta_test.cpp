@@ -182,7 +182,7 @@ TEST_F(MetaTest, CreateWritesTheFilesOfANewObjectAndSetNeedsOne) {
     Json::Value jReq = Request(10);
     jReq["id"] = "1101_FFFF";
     jReq["metatext"]["a"] = 1;
-    EXPECT_FAILS(Set(jReq), 1008, "!TRABCFileCheckDir(m_jPathInfo[KOLVVES_ID_PATH].asCString())");
+    EXPECT_FAILS(Set(jReq), 1008, "!kolv::fs::IsDir(m_jPathInfo[KOLVVES_ID_PATH].asString())");
     EXPECT_FALSE(TRABCFileExist((m_sys.Repo() + "/note/1101_FFFF").c_str()));
     jReq.removeMember("version");
     EXPECT_FAILS(Set(jReq), 1015, "!jParm.isMember(\"version\")");
@@ -224,16 +224,16 @@ TEST_F(MetaTest, MetaBinaryIsStoredReplacedAndDeletedByTime) {
                  "jSeen.isMember(jItem[\"name\"].asString())");
     EXPECT_FAILS(SetItems(10, Item("", "raw", strSrc)), 1007,
                  "!jItem[\"name\"].isString() || jItem[\"name\"].asString().empty()");
-    EXPECT_FAILS(SetItems(10, Item("a", "raw", m_sys.Path("/absent"))), 1000,
-                 "0 > KOLVFileCopy(strSrc.c_str(), item.strFile.c_str())");
+    EXPECT_FAILS(SetItems(10, Item("a", "raw", m_sys.Path("/absent"))), 1023,
+                 "!kolv::CopySourceFile(strSrc, requester, item.strFile)");
     EXPECT_FALSE(TRABCFileExist(FileOf("a").c_str()));
     EXPECT_EQ(0u, MetaBinaryInfo().size());
 
     ASSERT_TRUE(SetItems(100, Item("a/b", "raw", strSrc))) << kolvtest::StackText();
     EXPECT_EQ("hello", ReadFile(FileOf("a/b")));
-    EXPECT_EQ(ParseJson(std::string(R"({"name":"a/b","format":"raw","size":5,"mtime":100,"md5":")") + kMd5Hello +
-                        "\"}"),
-              InfoOf("a/b"));
+    EXPECT_EQ(
+        ParseJson(std::string(R"({"name":"a/b","format":"raw","size":5,"mtime":100,"md5":")") + kMd5Hello + "\"}"),
+        InfoOf("a/b"));
 
     // Newer replaces; older and equally old requests leave it alone.
     ASSERT_TRUE(SetItems(200, Item("a/b", "text/plain", Source("world", "world"))));
@@ -287,7 +287,7 @@ TEST_F(MetaTest, MetaBinaryNamesAreEncodedAndListedBack) {
     Json::Value jInfo;
     ASSERT_TRUE(fs.mf_GetMetaBinaryInfoByName("a/b", jInfo));
     EXPECT_EQ(jAll["a/b"], jInfo);
-    EXPECT_FAILS(fs.mf_GetMetaBinaryInfoByName("missing", jInfo), 1008, "!TRABCFileExist(strInfoPath.c_str())");
+    EXPECT_FAILS(fs.mf_GetMetaBinaryInfoByName("missing", jInfo), 1008, "!kolv::fs::Exists(strInfoPath)");
     fs.m_jParm["field"]["metabinary_info"] = jSel;
     KOLV_VESSA_OBJECT object;
     ASSERT_TRUE(fs.mf_GetMetaBinaryInfo(&object, true));

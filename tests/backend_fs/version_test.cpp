@@ -157,8 +157,8 @@ TEST_F(VersionStoreTest, CreateAndSetWriteOneCommitPerChange) {
 
     std::string strUnknown(40, 'a');
     EXPECT_FAILS(Get(strId, ParseJson(R"({"text":true})"), strUnknown.c_str(), older), 1008,
-                 "GitLoadCommit(m_jPathInfo[KOLVVES_VERSION].asCString(), m_jParm[\"version\"].asCString(), "
-                 "strTempDir.c_str(), jCommitInfo)");
+                 "kolv::git::ReadVersion(m_jPathInfo[KOLVVES_VERSION].asCString(), szVersion, {\"text\", "
+                 "\"binary_info\"}, files, jCommitInfo)");
     EXPECT_TRUE(ScratchEmpty());
 }
 
@@ -213,7 +213,7 @@ TEST_F(VersionStoreTest, BinaryFilesByPathDeleteAndFromAnotherObject) {
     j["binary_files"] = Binary("nosuch", "object", strA);
     EXPECT_FAILS(Set(strB, strVb3, j, strNone), -1, "!TRABCFileExist(strBinaryPath.c_str())");
     j["binary_files"] = Binary("gone", "jpg", m_sys.Root() + "/gone.bin");
-    EXPECT_FAILS(Set(strB, strVb3, j, strNone), 1002, "NULL == (inFile = fopen (szPath, \"rb\"))");
+    EXPECT_FAILS(Set(strB, strVb3, j, strNone), 1023, "!kolv::CopySourceFile(strSource, requester, strBinaryPath)");
     EXPECT_EQ(strVb3 + "\n", Git(strB, "rev-parse HEAD"));
     EXPECT_TRUE(ScratchEmpty());
 }
@@ -325,8 +325,8 @@ TEST_F(VersionStoreTest, MissingRepositoryOrVersionIs1008OtherFailures1037) {
     Json::Value jDiff(Json::objectValue);
     jGet["old_version"] = std::string(40, 'b');
     EXPECT_FAILS(fs.VersionDiff(jGet, jDiff), 1008,
-                 "GitDiff(m_jPathInfo[KOLVVES_VERSION].asCString(), m_jParm[\"old_version\"].asCString(), "
-                 "m_jParm[\"new_version\"].asCString(), pHash)");
+                 "GitDiff(m_jPathInfo[KOLVVES_VERSION].asCString(), jRequest[\"old_version\"].asCString(), "
+                 "jRequest[\"new_version\"].asCString(), pHash.get())");
 
     std::string strVer;
     EXPECT_FAILS(Set(strId, std::string(40, 'c'), ParseJson(R"({"mtime":5,"text":{"a":2}})"), strVer), 1008,

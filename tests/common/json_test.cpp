@@ -91,10 +91,22 @@ TEST_F(JsonFile, WriteReplacesWholeFileOrFails) {
     EXPECT_EQ(Obj("{\"short\":true}"), jRead);
 
     EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), ""), 1015, "strPath.empty()");
-    EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), Path("no/such/dir.json")), 1002, "0 > fdLock");
-    // The temporary file cannot be opened where a directory stands.
-    ASSERT_EQ(0, kolvtest::RunCommand("mkdir '" + strPath + ".tmp'"));
-    EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), strPath), 1002, "!ofs.good()");
+    EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), Path("no/such/dir.json")), 1002, "0 > fdDir.get()");
+    // A link where the file belongs is never written through, dangling or
+    // not, and a link planted under the old temporary name is ignored.
+    std::string strVictim = Path("victim"), strLink = Path("link.json");
+    ASSERT_EQ(0, kolvtest::RunCommand("echo secret > '" + strVictim + "' && ln -s '" + strVictim + "' '" + strLink +
+                                      "' && ln -s '" + strVictim + "' '" + strPath + ".tmp'"));
+    EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), strLink), 1002, "0 > fdLock");
+    EXPECT_FALSE(jRead.fromFile(strLink));
+    EXPECT_TRUE(KOLVVessaJsonToFile(Obj("{}"), strPath));
+    EXPECT_EQ("secret\n", kolvtest::ReadFile(strVictim));
+    ASSERT_EQ(0, kolvtest::RunCommand("ln -s '" + Path("nowhere") + "' '" + Path("dangling.json") + "'"));
+    EXPECT_FAILS(KOLVVessaJsonToFile(Obj("{}"), Path("dangling.json")), 1002, "0 > fdLock");
+    EXPECT_NE(0, kolvtest::RunCommand("test -e '" + Path("nowhere") + "'"));
+    // A FIFO is never read (nor waited on).
+    ASSERT_EQ(0, kolvtest::RunCommand("mkfifo '" + Path("fifo.json") + "'"));
+    EXPECT_FALSE(jRead.fromFile(Path("fifo.json")));
 }
 
 TEST_F(JsonFile, LockHeldElsewhereGivesUp) {

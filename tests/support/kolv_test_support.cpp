@@ -33,6 +33,9 @@ Sysroot::Sysroot() {
     char *szDir = mkdtemp(szTemplate);
     if (!szDir) abort();
     m_root = szDir;
+    // Like an appliance's volume: users may pass through it, so that what
+    // they may read is decided by the store's own folders.
+    chmod(szDir, 0755);
     setenv("KOLV_SYSROOT", m_root.c_str(), 1);
     MakeDirs(m_root + "/volume1/homes");
     MakeDirs(m_root + "/usr/kolv/etc");
