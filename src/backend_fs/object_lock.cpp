@@ -35,8 +35,8 @@ bool ObjectLock::Acquire(const std::string &strObjectDir, bool blExclusive, uid_
     // The lock file belongs to the object's owner like the rest of its
     // directory; without the privilege to give it away it stays ours.
     if (blNew && UID_ERR != owner) {
-        int rc = fchown(m_handle, owner, GID_USERS);
-        (void)rc;
+        int rcChown = fchown(m_handle, owner, GID_USERS);
+        (void)rcChown;
     }
     return true;
 }
