@@ -1,0 +1,185 @@
+/*
+ * The file store against its own users. Each object's folders belong to
+ * its owner, who can plant links in them, and every request names files
+ * of the requester's choosing; the store runs as root. Whatever is
+ * planted or sent, no file outside the object changes (content and
+ * modification time), nothing of such a file is revealed, the answer is
+ * the expected code, and the object stays readable.
+ */
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "object/object_test_util.h"
+
+namespace {
+
+using kolvtest::RunCommand;
+using kolvtest::StackText;
+using objtest::J;
+
+/* Replaces every "@NAME@" of str by its value. */
+std::string Fill(std::string str, const std::string &strName, const std::string &strValue) {
+    for (size_t pos; std::string::npos != (pos = str.find("@" + strName + "@"));)
+        str.replace(pos, strName.size() + 2, strValue);
+    return str;
+}
+
+class HostileStoreTest : public objtest::ObjectStoreTest {
+  protected:
+    void SetUp() override {
+        ObjectStoreTest::SetUp();
+        // Root's files: a plain one, one in JSON that names secrets the way
+        // the store's files would, and a folder. Old times, so that any
+        // write shows.
+        m_strVictim = m_sys.Path("/victim");
+        ASSERT_EQ(0, RunCommand("mkdir -p " + m_strVictim + "/dir && cd " + m_strVictim +
+                                " && echo '\"secret\"' > file && echo '\"secret\"' > dir/a && echo "
+                                "'{\"basic\":{\"category\":\"secret\"},\"metatext\":{\"secret\":1},"
+                                "\"auto_mtime\":{}}' > json && chmod 600 file json dir/a && chmod 700 dir && "
+                                "touch -d @1000000 file json dir/a dir"));
+        m_strSrc = m_sys.Path("/tmp/src.bin");
+        kolvtest::WriteFile(m_strSrc, "attachment");
+        m_strBobs = Create(kolvtest::kBob, J(R"({"text":{"t":"bob's"}})"));
+        Json::Value jAlices = J(R"({"text":{"t":"one"},"metatext":{"m":"one"},
+                                    "binary_files":[{"name":"b.bin","format":"raw"}],
+                                    "metabinary_files":[{"name":"b.bin","format":"raw"}]})");
+        jAlices["binary_files"][0]["path"] = m_strSrc;
+        jAlices["metabinary_files"][0]["path"] = m_strSrc;
+        m_strID = Create(kolvtest::kAlice, jAlices);
+        ASSERT_TRUE(Read(m_strVer)) << StackText();
+    }
+
+    /* Everything below strPath: names, kinds, sizes, times, owners, modes
+     * and contents ("" when it is not there). */
+    static std::string Snapshot(const std::string &strPath) {
+        std::string strOut;
+        RunCommand("cd '" + strPath +
+                       "' 2>/dev/null && find . -printf '%p %y %s %T@ %U %m\\n' | sort && find . -type f "
+                       "-exec md5sum {} + | sort",
+                   &strOut);
+        return strOut;
+    }
+    std::string Outside() const { return Snapshot(m_strVictim) + Snapshot(ObjectDir(m_strBobs)); }
+
+    /* alice reads her object whole; its version in strVer. Nothing of
+     * root's files may show in it. */
+    bool Read(std::string &strVer) {
+        Json::Value jGet = GetParm(m_strID, kolvtest::kAlice);
+        jGet["field"] = KOLVVessaObjectFieldAll();
+        KOLV_VESSA_OBJECT obj;
+        if (!obj.Get(jGet)) return false;
+        std::string strSeen = obj.get_category() + obj.get_text().toStyledString() +
+                              obj.get_metatext().toStyledString() + obj.get_binary_info().toStyledString() +
+                              obj.get_metabinary_info().toStyledString();
+        EXPECT_EQ(std::string::npos, strSeen.find("secret")) << strSeen;
+        strVer = obj.get_version();
+        return true;
+    }
+
+    /* alice's set on her latest version with the members of jExtra. */
+    bool Set(const Json::Value &jExtra, unsigned requester = kolvtest::kAlice) {
+        Json::Value jParm = GetParm(m_strID, requester);
+        for (const std::string &strName : jExtra.getMemberNames())
+            jParm[strName] = jExtra[strName];
+        jParm["version"] = m_strVer;
+        KOLV_VESSA_OBJECT obj;
+        return obj.Set(jParm);
+    }
+
+    std::string m_strVictim, m_strSrc, m_strBobs, m_strID, m_strVer;
+};
+
+TEST_F(HostileStoreTest, LinksPlantedInTheObjectAreNeverWrittenThrough) {
+    const std::string T = Enc("t"), B = Enc("b.bin");
+    const char *szText = R"({"text":{"t":"two"}})";
+    const char *szBasic = R"({"ctime":5})";
+    const char *szMeta = R"({"metatext":{"m":"two"}})";
+    const char *szBinary = R"({"binary_files":[{"name":"b.bin","format":"raw","path":"@SRC2@"}]})";
+    const char *szMetaBinary = R"({"metabinary_files":[{"name":"b.bin","format":"raw","path":"@SRC@"}]})";
+    const char *szGit = "kolv::git::ReadVersion(m_jPathInfo[KOLVVES_VERSION].asCString(), szVersion, {\"text\", "
+                        "\"binary_info\"}, files, jCommitInfo)";
+    const char *szCommit = "GitCommit(strRepoDir.c_str(), m_jParm[\"version\"].asCString(), "
+                           "m_jParm[\"mtime\"].asInt64(), pAddHash, pDelHash, NULL, strName.c_str(), strMail.c_str(), "
+                           "jCommitMsg.toString().c_str(), strNewVer)";
+    const struct {
+        const char *szWhat;
+        std::string strPlant, strUndo; // shell commands in the object's folder; @V@ is root's folder
+        const char *szRequest;
+        int code; // 0: the set succeeds
+        std::string strOrigin;
+    } rgCase[] = {
+        // Old temporary names are no longer used; new ones are random and
+        // made with O_EXCL, so a planted one is an unrelated file.
+        {"basic.json.tmp", "ln -s @V@/file basic.json.tmp", "rm -f basic.json.tmp", szBasic, 0, ""},
+        {"metatext.json.tmp", "ln -s @V@/file metatext.json.tmp", "rm -f metatext.json.tmp", szMeta, 0, ""},
+        {".basic.json.*", "for n in 0 1 2; do ln -s @V@/file .basic.json.$n; ln -s @V@/file .metatext.json.$n; done",
+         "rm -f .basic.json.? .metatext.json.?", R"({"ctime":6,"metatext":{"m":"x"}})", 0, ""},
+        // A JSON file that is a link is neither read nor written through.
+        {"basic.json", "mv basic.json b.real && ln -s @V@/json basic.json", "rm basic.json && mv b.real basic.json",
+         szBasic, 1002, "0 > fdLock"},
+        {"metatext.json", "mv metatext.json m.real && ln -s @V@/json metatext.json",
+         "rm metatext.json && mv m.real metatext.json", szMeta, 1002, "0 > fdLock"},
+        {"dangling .lock", "rm .lock && ln -s @V@/created .lock", "rm -f .lock", szMeta, 1001, "0 > fd.get()"},
+        {"version of another user's object", "mv version v.real && ln -s @BOB@/version version",
+         "rm version && mv v.real version", szText, 1037, szGit},
+        {"text folder", "mv version/text t.real && ln -s @V@/dir version/text",
+         "rm version/text && mv t.real version/text", szText, 1037, szCommit},
+        {"binary_info folder", "mv version/binary_info i.real && ln -s @V@/dir version/binary_info",
+         "rm version/binary_info && mv i.real version/binary_info", szBinary, 1037, szCommit},
+        // A file of the version or of the meta binary store that is a link
+        // is replaced by a file, or the set fails.
+        {"text file", "ln -sf @V@/file version/text/" + T, "! test -L version/text/" + T, szText, 0, ""},
+        {"binary file", "ln -sf @V@/file version/binary/" + B, "! test -L version/binary/" + B, szBinary, 0, ""},
+        {"meta binary file", "ln -sf @V@/file metabinary/" + B, "! test -L metabinary/" + B, szMetaBinary, 0, ""},
+        {"meta binary info", "cp metabinary_info/" + B + " i.real && ln -sf @V@/json metabinary_info/" + B,
+         "mv -f i.real metabinary_info/" + B, szMetaBinary, 1002, "0 > fdLock"},
+        {"metabinary folder", "mv metabinary mb.real && ln -s @V@/dir metabinary",
+         "rm metabinary && mv mb.real metabinary", szMetaBinary, 1023,
+         "!kolv::CopySourceFile(strSrc, requester, item.strFile)"},
+    };
+    const std::string strObject = ObjectDir(m_strID), strOutside = Outside();
+    const std::string strSrc2 = m_sys.Path("/tmp/src2.bin");
+    kolvtest::WriteFile(strSrc2, "attachment two");
+    long long mtime = time(NULL) + 100;
+    for (const auto &c : rgCase) {
+        SCOPED_TRACE(c.szWhat);
+        auto fill = [&](const std::string &str) {
+            std::string strFilled =
+                Fill(Fill(Fill(str, "V", m_strVictim), "BOB", ObjectDir(m_strBobs)), "SRC", m_strSrc);
+            return Fill(strFilled, "SRC2", strSrc2);
+        };
+        ASSERT_EQ(0, RunCommand("cd " + strObject + " && " + fill(c.strPlant)));
+        Json::Value jRequest = J(fill(c.szRequest));
+        jRequest["mtime"] = (Json::Int64)mtime++;
+        bool blOk = Set(jRequest);
+        if (0 == c.code) {
+            EXPECT_TRUE(blOk) << StackText();
+        } else {
+            EXPECT_FALSE(blOk);
+            EXPECT_EQ(c.code, KOLVVessaErrCodeGet()) << StackText();
+            if (!c.strOrigin.empty()) {
+                EXPECT_EQ(c.strOrigin, kolvtest::OriginMsg()) << StackText();
+            }
+        }
+        std::string strVer; // read while the link is still there
+        Read(strVer);
+        EXPECT_EQ(strOutside, Outside());
+        EXPECT_EQ(0, RunCommand("cd " + strObject + " && " + fill(c.strUndo)));
+        EXPECT_TRUE(Read(m_strVer)) << StackText();
+    }
+    // Every successful set took effect in the object itself.
+    Json::Value jGet = GetParm(m_strID, kolvtest::kAlice);
+    jGet["field"] = KOLVVessaObjectFieldAll();
+    KOLV_VESSA_OBJECT obj;
+    ASSERT_TRUE(obj.Get(jGet)) << StackText();
+    EXPECT_EQ("two", obj.get_text()["t"].asString());
+    EXPECT_EQ("attachment two", Git(m_strID, "show HEAD:binary/" + B));
+    EXPECT_EQ("attachment", kolvtest::ReadFile(strObject + "/metabinary/" + B));
+    kolvtest::ExpectCleanRepo(strObject + "/version");
+}
+
+} // namespace
