@@ -14,6 +14,8 @@
  */
 #include <errno.h>
 #include <fcntl.h>
+#include <string.h>
+#include <dirent.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -84,6 +86,33 @@ int CheckRepository(const char *szRepo, bool blCreate, Fd *pFdGit) {
         return GIT_ERROR;
     }
     if (pFdGit) pFdGit->reset(fdGit.release());
+    return 0;
+}
+
+namespace {
+
+/* Removes the files of fdDir whose names end in ".lock". */
+void RemoveLockFiles(int fdDir) {
+    DIR *pRaw = fdopendir(dup(fdDir));
+    if (NULL == pRaw) return;
+    Dir pDir(pRaw);
+    while (struct dirent *pEnt = readdir(pDir.get())) {
+        size_t cb = strlen(pEnt->d_name);
+        if (cb > 5 && 0 == strcmp(pEnt->d_name + cb - 5, ".lock")) unlinkat(fdDir, pEnt->d_name, 0);
+    }
+}
+
+} // namespace
+
+int ClearStaleRefLocks(const char *szRepo) {
+    Fd fdGit;
+    int ret = CheckRepository(szRepo, false, &fdGit);
+    if (0 > ret) return ret;
+    // The index lock is not a reference's: GitWriteLock's file stays.
+    unlinkat(fdGit.get(), "HEAD.lock", 0);
+    unlinkat(fdGit.get(), "packed-refs.lock", 0);
+    Fd fdHeads(openat(fdGit.get(), "refs/heads", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (0 <= fdHeads.get()) RemoveLockFiles(fdHeads.get());
     return 0;
 }
 

@@ -75,6 +75,12 @@ int FindLatest(git_repository *pRepo, git_oid *pOid, std::string *pStrBranch);
 /* Fills jInfo with {"version","auther","email","mtime","msg","parent"}. */
 void CommitInfo(const git_commit *pCommit, Json::Value &jInfo);
 
+/* Removes the lock files of references (HEAD, packed-refs, branches)
+ * that a writer killed half-way left behind; libgit2 would refuse every
+ * later commit on them. REQUIRES: no other writer of the repository, as
+ * the file store's exclusive object lock guarantees. 0 or negative. */
+int ClearStaleRefLocks(const char *szRepo);
+
 /* One version's files, read from the repository's objects and never from
  * the work tree (which its owner can change and a crash can leave half
  * written): for every folder of dirs that the version's tree has, each

@@ -145,6 +145,9 @@ bool KOLVVESSA_BACKEND_FS::mf_SaveGit(std::string &strNewVer) {
     }
     Json::Value jOld;
     if (KOLV_APPEND_IF(!mf_GetJsonFile(KOLVVES_GIT_INFO, jOld))) return false;
+    // We hold the object's exclusive lock: a reference lock file now is
+    // one a killed writer left.
+    kolv::git::ClearStaleRefLocks(strRepoDir.c_str());
     if (KOLV_GIT_FAIL_IF(ret, GitCommit(strRepoDir.c_str(), m_jParm["version"].asCString(), m_jParm["mtime"].asInt64(),
                                         pAddHash, pDelHash, NULL, strName.c_str(), strMail.c_str(),
                                         jCommitMsg.toString().c_str(), strNewVer)))

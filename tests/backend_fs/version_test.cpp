@@ -120,6 +120,11 @@ TEST_F(VersionStoreTest, CreateAndSetWriteOneCommitPerChange) {
     EXPECT_EQ(ParseJson(R"({"commit_cnt":1,"listable_commit_cnt":1})"), GitInfo(strId));
     EXPECT_EQ(Json::Value("one"), ParseJson(ReadFile(Dir(strId) + "/version/text/" + Enc("a"))));
 
+    // Reference locks a killed writer left behind do not stop the next one.
+    std::string strGitDir = Dir(strId) + "/version/.git";
+    ASSERT_EQ(0, kolvtest::RunCommand("cd '" + strGitDir +
+                                      "' && b=$(git symbolic-ref --short HEAD) && "
+                                      "touch HEAD.lock refs/heads/$b.lock"));
     std::string strV2;
     ASSERT_TRUE(Set(strId, strV1, ParseJson(R"({"mtime":2000,"text":{"a":"two","b":null}})"), strV2))
         << kolvtest::StackText();
