@@ -182,4 +182,142 @@ TEST_F(HostileStoreTest, LinksPlantedInTheObjectAreNeverWrittenThrough) {
     kolvtest::ExpectCleanRepo(strObject + "/version");
 }
 
+// A "path" is opened as the requester would open it himself (uid, primary
+// and supplementary groups, along the whole path); only regular files are
+// taken, and a FIFO or device never blocks. A set with "binary_files" and
+// no "text" makes a version holding the file.
+TEST_F(HostileStoreTest, PathSourcesAreOpenedAsTheRequesterAndBinaryOnlySetsKeepThem) {
+    if (0 != geteuid()) GTEST_SKIP() << "needs root to give files away";
+    const std::string D = m_sys.Path("/tmp/src");
+    ASSERT_EQ(0, RunCommand("mkdir -p " + D + "/alices " + D + "/bobs " + D + "/grp " + D + "/other && cd " + D +
+                            " && echo secret > root-only && chmod 600 root-only && mkfifo fifo && chmod 666 fifo"
+                            " && echo mine > alices/own && chmod 600 alices/own && ln -s ../root-only alices/link"
+                            " && chown -R 1101 alices && chmod 700 alices && echo bob > bobs/f && chown 1102 bobs"
+                            " && chmod 700 bobs && echo grp > grp/f && echo other > other/f"
+                            " && chown -R 1102:2001 grp && chown -R 1102:2002 other && chmod 750 grp other"
+                            " && chmod 640 grp/f other/f"));
+    const struct {
+        std::string strPath;
+        unsigned requester;
+        const char *szContent; // NULL: refused
+    } rgCase[] = {
+        {"/etc/shadow", kolvtest::kAlice, NULL},
+        {D + "/root-only", kolvtest::kAlice, NULL},
+        {D + "/alices/link", kolvtest::kAlice, NULL}, // her own link to root's file
+        {D + "/bobs/f", kolvtest::kAlice, NULL},      // in bob's 0700 folder
+        {D + "/other/f", kolvtest::kAlice, NULL},     // a group she is not in
+        {"/dev/zero", kolvtest::kAlice, NULL},
+        {D + "/fifo", kolvtest::kAlice, NULL},
+        {D, kolvtest::kAlice, NULL},
+        {D + "/alices/own", kolvtest::kAlice, "mine\n"},
+        {D + "/grp/f", kolvtest::kAlice, "grp\n"}, // through her group 2001
+        {D + "/root-only", 0, "secret\n"},         // the system reads any
+    };
+    const std::string strFile = Enc("f"), strObject = ObjectDir(m_strID), strOutside = Outside();
+    long long mtime = time(NULL) + 100;
+    for (const auto &c : rgCase) {
+        SCOPED_TRACE(c.strPath + " as " + std::to_string(c.requester));
+        Json::Value jBinary, jMeta;
+        jBinary["binary_files"] = J(R"([{"name":"f","format":"raw"}])");
+        jBinary["binary_files"][0]["path"] = c.strPath;
+        jMeta["metabinary_files"] = jBinary["binary_files"];
+        jMeta["mtime"] = (Json::Int64)mtime++;
+        std::string strBefore = m_strVer, strVer;
+        if (!c.szContent) {
+            EXPECT_FAILS(Set(jBinary, c.requester), 1023, "!kolv::CopySourceFile(strSource, requester, strBinaryPath)");
+            EXPECT_FAILS(Set(jMeta, c.requester), 1023, "!kolv::CopySourceFile(strSrc, requester, item.strFile)");
+            ASSERT_TRUE(Read(strVer)) << StackText();
+            EXPECT_EQ(strBefore, strVer);
+            EXPECT_FALSE(kolvtest::ReadFile(strObject + "/metabinary/" + strFile) == "secret\n");
+            continue;
+        }
+        ASSERT_TRUE(Set(jBinary, c.requester)) << StackText();
+        ASSERT_TRUE(Set(jMeta, c.requester)) << StackText();
+        ASSERT_TRUE(Read(m_strVer)) << StackText();
+        EXPECT_NE(strBefore, m_strVer);
+        EXPECT_EQ(c.szContent, Git(m_strID, "show " + m_strVer + ":binary/" + strFile));
+        EXPECT_EQ(c.szContent, kolvtest::ReadFile(strObject + "/metabinary/" + strFile));
+    }
+    EXPECT_EQ(strOutside, Outside());
+}
+
+TEST_F(HostileStoreTest, FoldersAboveObjectsAreTheStoresAndAnObjectsItsOwners) {
+    if (0 != geteuid()) GTEST_SKIP() << "needs root to give folders away";
+    auto expectOwned = [](const std::string &strPath, uid_t uid) {
+        struct stat st;
+        ASSERT_EQ(0, lstat(strPath.c_str(), &st)) << strPath;
+        EXPECT_TRUE(S_ISDIR(st.st_mode)) << strPath;
+        EXPECT_EQ(uid, st.st_uid) << strPath;
+        if (0 == uid) {
+            EXPECT_EQ(0755u, st.st_mode & 07777) << strPath;
+        }
+    };
+    // The first object here was bob's: the folders above it are still root's.
+    for (const std::string &strDir : {m_sys.Repo(), m_sys.Repo() + "/note", m_sys.Repo() + "/@tmp"})
+        expectOwned(strDir, geteuid());
+    std::string strScratch;
+    RunCommand("ls -A '" + m_sys.Repo() + "/@tmp'", &strScratch);
+    EXPECT_EQ("", strScratch);
+    for (const char *szSub : {"", "/version", "/version/text", "/metabinary", "/metabinary_info"}) {
+        expectOwned(ObjectDir(m_strID) + szSub, kolvtest::kAlice);
+        expectOwned(ObjectDir(m_strBobs) + szSub, kolvtest::kBob);
+    }
+    // A namespace folder that an earlier store left to its first user is
+    // taken back by the next create.
+    ASSERT_EQ(0, RunCommand("chown 1102 '" + m_sys.Repo() + "/note' && chmod 777 '" + m_sys.Repo() + "/note'"));
+    Create(kolvtest::kAlice);
+    expectOwned(m_sys.Repo() + "/note", geteuid());
+}
+
+// A create is built in a hidden folder and renamed into place last: a
+// failure at any step leaves nothing, and the same id can be made again.
+TEST_F(HostileStoreTest, AFailedCreateLeavesNothingAndTheIdCanBeCreatedAgain) {
+    const std::string strRootOnly = m_sys.Path("/tmp/root-only"), strTmp = m_sys.Repo() + "/@tmp";
+    kolvtest::WriteFile(strRootOnly, "secret");
+    chmod(strRootOnly.c_str(), 0600);
+    const struct {
+        const char *szWhat;
+        std::string strBreak, strRepair;
+        const char *szMember;
+        int code;
+        const char *szOrigin;
+    } rgCase[] = {
+        {"binary file refused", "true", "true", "binary_files", 1023,
+         "!kolv::CopySourceFile(strSource, requester, strBinaryPath)"},
+        {"meta binary file refused, after the JSON files", "true", "true", "metabinary_files", 1023,
+         "!kolv::CopySourceFile(strSrc, requester, item.strFile)"},
+        {"no scratch folder", "rm -rf '" + strTmp + "' && touch '" + strTmp + "'", "rm '" + strTmp + "'", NULL, 1032,
+         "strScratch.empty()"},
+    };
+    const std::string strNs = m_sys.Repo() + "/note";
+    const char *szNone = "kolv::git::ReadVersion(m_jPathInfo[KOLVVES_VERSION].asCString(), szVersion, {\"text\", "
+                         "\"binary_info\"}, files, jCommitInfo)";
+    for (const auto &c : rgCase) {
+        SCOPED_TRACE(c.szWhat);
+        std::string strBefore, strAfter;
+        RunCommand("ls -A '" + strNs + "'", &strBefore);
+        Json::Value jParm = J(R"({"ns":"note","category":"memo","text":{"t":"x"},"metatext":{"m":"x"}})");
+        jParm["requester"] = kolvtest::kAlice;
+        jParm["id"] = KOLVVessaObjectGenerateID(kolvtest::kAlice);
+        if (c.szMember) {
+            jParm[c.szMember] = J(R"([{"name":"f","format":"raw"}])");
+            jParm[c.szMember][0]["path"] = strRootOnly;
+        }
+        ASSERT_EQ(0, RunCommand(c.strBreak));
+        KOLV_VESSA_OBJECT obj;
+        EXPECT_FAILS(obj.Create(jParm), c.code, c.szOrigin);
+        ASSERT_EQ(0, RunCommand(c.strRepair));
+        RunCommand("ls -A '" + strNs + "'", &strAfter);
+        EXPECT_EQ(strBefore, strAfter);
+        EXPECT_FAILS(obj.Get(GetParm(jParm["id"].asString(), kolvtest::kAlice)), 1008, szNone);
+        jParm.removeMember("binary_files");
+        jParm.removeMember("metabinary_files");
+        ASSERT_TRUE(obj.Create(jParm)) << StackText();
+        Json::Value jGet = GetParm(jParm["id"].asString(), kolvtest::kAlice);
+        jGet["field"] = KOLVVessaObjectFieldAll();
+        ASSERT_TRUE(obj.Get(jGet)) << StackText();
+        EXPECT_EQ("x", obj.get_text()["t"].asString());
+        EXPECT_EQ("x", obj.get_metatext()["m"].asString());
+    }
+}
 } // namespace
