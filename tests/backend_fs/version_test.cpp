@@ -8,8 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
 #include <set>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -402,6 +404,53 @@ TEST_F(VersionStoreTest, TwoProcessesSettingOneObjectLoseNothing) {
     EXPECT_EQ("1/" + std::to_string(kRounds - 1), latest.get_text()["a"].asString());
     EXPECT_EQ(latest.get_version() + "\n", Git(strId, "rev-parse HEAD"));
     ExpectValidAndClean(strId);
+}
+
+/* Fifty threads of one process read older versions of one object at once
+ * through the object's own entry, each read a different version from its
+ * neighbour's: every read succeeds with its version's text, and no scratch
+ * folder is left. */
+TEST_F(VersionStoreTest, FiftyThreadsReadOlderVersionsAtOnce) {
+    const int kThreads = 50, kReads = 4, kOlder = 4;
+    std::vector<std::string> vVers{Create(ParseJson(R"({"a":"0"})"))};
+    const std::string strId = vVers[0];
+    vVers[0] = m_ver;
+    for (int i = 1; i <= kOlder; i++) {
+        std::string strVer;
+        Json::Value j;
+        j["mtime"] = 2000 + i;
+        j["text"]["a"] = std::to_string(i);
+        ASSERT_TRUE(Set(strId, vVers.back(), j, strVer)) << kolvtest::StackText();
+        vVers.push_back(strVer);
+    }
+    std::atomic<bool> blGo{false};
+    std::atomic<int> cRead{0}, cBad{0};
+    std::vector<std::thread> vThreads;
+    for (int t = 0; t < kThreads; t++) {
+        vThreads.emplace_back([&, t] {
+            while (!blGo)
+                std::this_thread::yield();
+            for (int n = 0; n < kReads; n++) {
+                int v = (t + n) % kOlder; // never the latest
+                Json::Value j;
+                j["ns"] = "note";
+                j["id"] = strId;
+                j["requester"] = 0;
+                j["version"] = vVers[v];
+                j["field"]["text"] = true;
+                KOLV_VESSA_OBJECT obj;
+                bool blOk =
+                    obj.Get(j) && obj.get_version() == vVers[v] && obj.get_text()["a"].asString() == std::to_string(v);
+                (blOk ? cRead : cBad)++;
+            }
+        });
+    }
+    blGo = true;
+    for (std::thread &thread : vThreads)
+        thread.join();
+    EXPECT_EQ(0, cBad.load());
+    EXPECT_EQ(kThreads * kReads, cRead.load());
+    EXPECT_TRUE(ScratchEmpty());
 }
 
 } // namespace
