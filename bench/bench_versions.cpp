@@ -4,15 +4,27 @@
  * Subject: the backend's Create (three text fields and one 64 KiB binary
  * file) and Set (one text field changed). Baseline: the least libgit2 work
  * with the same result in the repository: init, blobs, trees, commit and
- * checkout; then a commit on the tip and its checkout. Both write under
- * the same temporary folder and run interleaved, round by round, in one
- * process, so disk and cache conditions are shared.
+ * checkout; then a commit on the tip and its checkout; with the JSON files
+ * the store writes beside the repository (basic.json and git_info.json on
+ * create, git_info.json on set). All write under the same temporary folder
+ * and run interleaved, round by round, in one process, so disk and cache
+ * conditions are shared.
+ *
+ * The cost of durability: the store flushes every file it writes and turns
+ * libgit2's own fsync on; it has no switch to turn that off. So the
+ * baseline runs twice, durable (libgit2's fsync on, JSON files written
+ * through the store's primitive: a temporary file, flushed, renamed, the
+ * folder flushed) and not (fsync off, the same bytes written and renamed),
+ * and the store's primitive is timed alone against the plain write and
+ * rename of the same bytes.
  *
  *     bench_versions [rounds] [objects per round]
  */
+#include <fcntl.h>
 #include <git2.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -21,6 +33,7 @@
 #include "backend_fs/kolvvessaBackend_fs.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
+#include "common/kolvvessa_safe_fs.h"
 #include "support/kolv_test_support.h"
 
 namespace {
@@ -76,11 +89,36 @@ void SubjectSet(const std::string &strId, std::string &strVer, long long mtime, 
 
 /* ---- baseline: bare libgit2 -------------------------------------------- */
 
+/* The same bytes as kolv::fs::WriteFile writes, without a flush: a
+ * temporary file beside the target, renamed over it. */
+void PlainWrite(const std::string &strPath, const std::string &strContent) {
+    std::string strTmp = strPath + ".plain";
+    int fd = open(strTmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    bool blOk = 0 <= fd && kolv::fs::WriteAll(fd, strContent.data(), strContent.size());
+    blOk = 0 <= fd && 0 == close(fd) && blOk && 0 == rename(strTmp.c_str(), strPath.c_str());
+    Check(blOk, "plain write");
+}
+
+/* A JSON file beside the repository, durable or not. */
+void WriteJson(bool blFsync, const std::string &strPath, const std::string &strContent) {
+    if (blFsync) {
+        Check(kolv::fs::WriteFile(strPath, strContent.data(), strContent.size()), "durable write");
+    } else {
+        PlainWrite(strPath, strContent);
+    }
+}
+
 void GitCheck(int ret, const char *szWhat) {
     if (0 <= ret) return;
     const git_error *pErr = git_error_last();
     fprintf(stderr, "bench: %s failed: %s\n", szWhat, pErr ? pErr->message : "");
     exit(1);
+}
+
+/* libgit2's own flush of the files it writes in the repository: the
+ * process-wide option the store turns on. */
+void SetGitFsync(bool blFsync) {
+    GitCheck(git_libgit2_opts(GIT_OPT_ENABLE_FSYNC_GITDIR, blFsync ? 1 : 0), "fsync option");
 }
 
 git_oid Blob(git_repository *pRepo, const std::string &str) {
@@ -111,11 +149,16 @@ void Checkout(git_repository *pRepo, const git_oid *pTree, git_tree *pBaseline) 
     GitCheck(git_checkout_tree(pRepo, reinterpret_cast<git_object *>(pTreeObj.get()), &opts), "checkout");
 }
 
-void BaselineCreate(const std::string &strDir, const std::string &strBinary, long long mtime) {
+void BaselineCreate(const std::string &strDir, const std::string &strBinary, long long mtime, bool blFsync) {
+    SetGitFsync(blFsync);
     git_repository *pRawRepo = NULL;
     GitCheck(git_repository_init(&pRawRepo, strDir.c_str(), 0), "init");
     kolv::GitRepository pRepo(pRawRepo);
     git_repository *r = pRepo.get();
+    std::string strMtime = std::to_string(mtime);
+    WriteJson(blFsync, strDir + "/../basic.json",
+              "{\"auto_mtime\":{\"category\":" + strMtime + ",\"ctime\":" + strMtime +
+                  "},\"basic\":{\"category\":\"note\",\"ctime\":" + strMtime + "}}");
     git_oid bin;
     GitCheck(git_blob_create_from_disk(&bin, r, strBinary.c_str()), "blob from disk");
     git_oid text = WriteTree(r, NULL, {{"title", Blob(r, kTitle)}, {"body", Blob(r, kBody)}, {"tags", Blob(r, kTags)}},
@@ -134,9 +177,11 @@ void BaselineCreate(const std::string &strDir, const std::string &strBinary, lon
     GitCheck(git_commit_create(&commit, r, "HEAD", pSig.get(), pSig.get(), "UTF-8", "{}", pTree.get(), 0, NULL),
              "commit");
     Checkout(r, &top, NULL);
+    WriteJson(blFsync, strDir + "/../git_info.json", "{\"commit_cnt\":1,\"listable_commit_cnt\":0}");
 }
 
-void BaselineSet(const std::string &strDir, long long mtime, int n) {
+void BaselineSet(const std::string &strDir, long long mtime, int n, bool blFsync) {
+    SetGitFsync(blFsync);
     git_repository *pRawRepo = NULL;
     GitCheck(git_repository_open(&pRawRepo, strDir.c_str()), "open");
     kolv::GitRepository pRepo(pRawRepo);
@@ -169,38 +214,65 @@ void BaselineSet(const std::string &strDir, long long mtime, int n) {
     Checkout(r, &top, pOld.get());
     GitCheck(git_commit_create(&commit, r, "HEAD", pSig.get(), pSig.get(), "UTF-8", "{}", pTree.get(), 1, rgParents),
              "commit");
+    WriteJson(blFsync, strDir + "/../git_info.json", "{\"commit_cnt\":2,\"listable_commit_cnt\":0}");
 }
 
 double Millis(Clock::duration d) {
     return std::chrono::duration<double, std::milli>(d).count();
 }
 
+/* Milliseconds per round of each kind; [0] without fsync, [1] with. */
 struct Totals {
-    double baseCreate = 0, subjCreate = 0, baseSet = 0, subjSet = 0;
+    double baseCreate[2] = {0, 0}, subjCreate = 0, baseSet[2] = {0, 0}, subjSet = 0, write[2] = {0, 0};
 };
 
-void Round(int round, int cObjects, const std::string &strBase, const std::string &strBinary, Totals &t) {
-    std::vector<std::string> vIds(cObjects), vVers(cObjects), vDirs(cObjects);
-    long long mtime = 1700000000LL + round * 10;
+template <typename F> double Timed(F f) {
     auto t0 = Clock::now();
-    for (int i = 0; i < cObjects; i++) {
-        vDirs[i] = strBase + "/r" + std::to_string(round) + "_" + std::to_string(i) + "/version";
-        BaselineCreate(vDirs[i], strBinary, mtime);
+    f();
+    return Millis(Clock::now() - t0);
+}
+
+void Round(int round, int cObjects, const std::string &strBase, const std::string &strBinary, Totals &t) {
+    std::vector<std::string> vIds(cObjects), vVers(cObjects), vDirs[2];
+    long long mtime = 1700000000LL + round * 10;
+    // Which baseline goes first alternates from round to round.
+    const int rgOrder[2] = {round % 2, 1 - round % 2};
+    for (int f : rgOrder) {
+        vDirs[f].resize(cObjects);
+        t.baseCreate[f] += Timed([&] {
+            for (int i = 0; i < cObjects; i++) {
+                vDirs[f][i] = strBase + "/r" + std::to_string(round) + "_" + std::to_string(f) + "_" +
+                              std::to_string(i) + "/version";
+                BaselineCreate(vDirs[f][i], strBinary, mtime, 1 == f);
+            }
+        });
     }
-    auto t1 = Clock::now();
-    for (int i = 0; i < cObjects; i++)
-        SubjectCreate(strBinary, mtime, vIds[i], vVers[i]);
-    auto t2 = Clock::now();
-    for (int i = 0; i < cObjects; i++)
-        BaselineSet(vDirs[i], mtime + 1, i);
-    auto t3 = Clock::now();
-    for (int i = 0; i < cObjects; i++)
-        SubjectSet(vIds[i], vVers[i], mtime + 1, i);
-    auto t4 = Clock::now();
-    t.baseCreate += Millis(t1 - t0);
-    t.subjCreate += Millis(t2 - t1);
-    t.baseSet += Millis(t3 - t2);
-    t.subjSet += Millis(t4 - t3);
+    SetGitFsync(true); // as the store runs
+    t.subjCreate += Timed([&] {
+        for (int i = 0; i < cObjects; i++)
+            SubjectCreate(strBinary, mtime, vIds[i], vVers[i]);
+    });
+    for (int f : rgOrder) {
+        t.baseSet[f] += Timed([&] {
+            for (int i = 0; i < cObjects; i++)
+                BaselineSet(vDirs[f][i], mtime + 1, i, 1 == f);
+        });
+    }
+    SetGitFsync(true);
+    t.subjSet += Timed([&] {
+        for (int i = 0; i < cObjects; i++)
+            SubjectSet(vIds[i], vVers[i], mtime + 1, i);
+    });
+    // One JSON file rewritten in place, as a set rewrites metatext.json.
+    std::string strJson =
+        "{\"auto_mtime\":{\"m\":" + std::to_string(mtime) + "},\"metatext\":{\"m\":\"" + std::string(100, 'x') + "\"}}";
+    for (int f : rgOrder) {
+        std::string strPath = strBase + "/write" + std::to_string(f) + ".json";
+        t.write[f] += Timed([&] {
+            for (int i = 0; i < 10 * cObjects; i++)
+                WriteJson(1 == f, strPath, strJson);
+        });
+    }
 }
 
 } // namespace
@@ -218,14 +290,21 @@ int main(int argc, char **argv) {
     // One initialisation for the whole run, as a long-lived caller has.
     git_libgit2_init();
     Totals t;
+    // The store's first backend sets libgit2's options once; after that
+    // each side sets the fsync option it runs with.
+    std::string strWarmId, strWarmVer;
+    SubjectCreate(strBinary, 1600000000LL, strWarmId, strWarmVer);
     for (int round = 0; round < cRounds; round++)
         Round(round, cObjects, strBase, strBinary, t);
     double n = (double)cRounds * cObjects;
-    printf("%d rounds x %d objects, per operation:\n", cRounds, cObjects);
-    printf("  create: baseline %.3f ms, file store %.3f ms, ratio %.2f\n", t.baseCreate / n, t.subjCreate / n,
-           t.subjCreate / t.baseCreate);
-    printf("  set:    baseline %.3f ms, file store %.3f ms, ratio %.2f\n", t.baseSet / n, t.subjSet / n,
-           t.subjSet / t.baseSet);
+    printf("%d rounds x %d objects, per operation (ms):\n", cRounds, cObjects);
+    printf("            baseline no fsync   baseline fsync   file store   fsync cost   store / no fsync\n");
+    printf("  create:   %17.3f   %14.3f   %10.3f   %10.3f   %16.2f\n", t.baseCreate[0] / n, t.baseCreate[1] / n,
+           t.subjCreate / n, (t.baseCreate[1] - t.baseCreate[0]) / n, t.subjCreate / t.baseCreate[0]);
+    printf("  set:      %17.3f   %14.3f   %10.3f   %10.3f   %16.2f\n", t.baseSet[0] / n, t.baseSet[1] / n,
+           t.subjSet / n, (t.baseSet[1] - t.baseSet[0]) / n, t.subjSet / t.baseSet[0]);
+    printf("  one JSON file rewritten: write+rename %.3f ms, flushed (kolv::fs::WriteFile) %.3f ms, ratio %.1f\n",
+           t.write[0] / (10 * n), t.write[1] / (10 * n), t.write[1] / t.write[0]);
     git_libgit2_shutdown();
     return 0;
 }
