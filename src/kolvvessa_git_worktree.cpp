@@ -23,6 +23,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <kolvplatform/kolv_platform.h>
 #include <unistd.h>
 
 #include <string>
@@ -55,6 +56,7 @@ int OpenBelow(int fd, const char *szName) {
 int OpenOrMakeFolder(int fdRoot, const char *szName, const Owner &owner) {
     int fd = OpenBelow(fdRoot, szName);
     if (0 <= fd || ENOENT != errno) return fd;
+    if (TRUE == KOLVFaultCheck("worktree mkdir")) return -1;
     bool blMade = 0 == mkdirat(fdRoot, szName, 0755);
     if (!blMade && EEXIST != errno) return -1;
     Fd fdDir(OpenBelow(fdRoot, szName));
@@ -119,40 +121,23 @@ bool HoldsAlready(int fdDir, const char *szName, const void *p, size_t cb) {
 }
 
 /* Replaces szName in fdDir with cb bytes at p: a new temporary file
- * beside it (O_EXCL|O_NOFOLLOW, a random name) given owner's ids and mode
- * through its descriptor, flushed, renamed over szName (a link there is
- * replaced, never followed), the folder flushed. Nothing is left behind
- * on failure. false with errno. */
+ * beside it (O_EXCL|O_NOFOLLOW, a random name) given owner's ids through
+ * its descriptor, flushed, renamed over szName (a link there is replaced,
+ * never followed), the folder flushed. Nothing is left behind on failure.
+ * false with errno. */
 bool ReplaceFile(int fdDir, const char *szName, const void *p, size_t cb, mode_t mode, const Owner &owner) {
+    if (TRUE == KOLVFaultCheck("worktree write")) return false;
     std::string strTmp;
-    Fd fd;
-    for (int i = 0; i < 16 && 0 > fd.get(); ++i) {
-        strTmp = std::string(".") + szName + "." + fs::RandomName(10);
-        fd.reset(openat(fdDir, strTmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
-        if (0 > fd.get() && EEXIST != errno) return false;
-    }
+    Fd fd(fs::CreateTempAt(fdDir, szName, mode, strTmp));
     if (0 > fd.get()) return false;
-    const char *pc = static_cast<const char *>(p);
-    bool blOk = true;
-    while (blOk && cb > 0) {
-        ssize_t n = write(fd.get(), pc, cb);
-        if (n < 0 && EINTR == errno) continue;
-        blOk = n > 0;
-        if (blOk) {
-            pc += n;
-            cb -= static_cast<size_t>(n);
-        }
-    }
-    // chown first: it may clear mode bits that fchmod then sets.
-    blOk = blOk && (0 == fchown(fd.get(), owner.uid, owner.gid) || EPERM == errno) && 0 == fchmod(fd.get(), mode) &&
-           0 == fsync(fd.get()) && 0 == renameat(fdDir, strTmp.c_str(), fdDir, szName);
-    if (!blOk) {
+    // chown before FinishTempAt's fchmod: it may clear mode bits.
+    if (!fs::WriteAll(fd.get(), p, cb) || (0 != fchown(fd.get(), owner.uid, owner.gid) && EPERM != errno)) {
         int err = errno;
         unlinkat(fdDir, strTmp.c_str(), 0);
         errno = err;
         return false;
     }
-    return 0 == fsync(fdDir);
+    return fs::FinishTempAt(fdDir, fd.get(), strTmp, szName, mode);
 }
 
 /* Writes the file pEntry into fdDir by a temporary file and a rename, so a
@@ -294,7 +279,7 @@ int UpdateWorkTree(git_repository *pRepo, const char *szRepo, git_tree *pBaselin
     std::string strMark;
     bool blKnown = pBaseline && fs::ReadFileAt(fdGit.get(), s_szMark, strMark) && strMark == TreeId(pBaseline);
     // The mark goes, durably, before the first file changes.
-    if (0 != unlinkat(fdGit.get(), s_szMark, 0) && ENOENT != errno) {
+    if (TRUE == KOLVFaultCheck("worktree mark") || (0 != unlinkat(fdGit.get(), s_szMark, 0) && ENOENT != errno)) {
         syslog(LOG_ERR, "%s:%d fail to unlink [%s/.git/%s] (%m)", __FILE__, __LINE__, szRepo, s_szMark);
         return GIT_ERROR;
     }

@@ -108,6 +108,7 @@ bool StartsWith(const char *sz, const char *szPrefix, size_t &cbPrefix) {
 extern "C" {
 
 KOLVDB *KOLVDBConnect(const char *szHost, const char *szUser, const char *szPass, const char *szDB) {
+    if (TRUE == KOLVFaultCheck("KOLVDBConnect")) return NULL;
     PGconn *pPg = ConnectRaw(szHost, szUser, szPass, szDB);
     if (!pPg) return NULL;
     KOLVDB *pConn = new (std::nothrow) KOLVDB;
@@ -122,6 +123,7 @@ KOLVDB *KOLVDBConnect(const char *szHost, const char *szUser, const char *szPass
 int KOLVDBExecute(KOLVDB *pConn, const char *szSQL, KOLVDBRESULT **ppResult) {
     if (ppResult) *ppResult = NULL;
     if (!pConn || !pConn->pConn || !szSQL) return -1;
+    if (TRUE == KOLVFaultCheck("KOLVDBExecute")) return -1;
     PGresult *pRes;
     {
         std::lock_guard<std::mutex> guard(pConn->tLock);

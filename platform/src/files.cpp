@@ -97,6 +97,7 @@ BOOL TRABCFileCheckDir(const char *szPath) {
 
 int KOLVFSMkdirP(const char *szPath, const char *szUnused, BOOL blParents, uid_t uid, gid_t gid, int mode) {
     (void)szUnused;
+    if (TRUE == KOLVFaultCheck("KOLVFSMkdirP")) return -1;
     if (!szPath || !*szPath) {
         errno = EINVAL;
         return -1;
@@ -119,6 +120,7 @@ int KOLVFSMkdirP(const char *szPath, const char *szUnused, BOOL blParents, uid_t
 }
 
 int KOLVFSRemoveTree(const char *szPath) {
+    if (TRUE == KOLVFaultCheck("KOLVFSRemoveTree")) return -1;
     if (!szPath || !*szPath) {
         errno = EINVAL;
         return -1;
@@ -133,6 +135,7 @@ int KOLVFSRemoveTree(const char *szPath) {
 }
 
 int KOLVFileCopy(const char *szSrc, const char *szDst) {
+    if (TRUE == KOLVFaultCheck("KOLVFileCopy")) return -1;
     if (!szSrc || !*szSrc || !szDst || !*szDst) {
         errno = EINVAL;
         return -1;
@@ -187,6 +190,7 @@ int KOLVFileCopy(const char *szSrc, const char *szDst) {
 
 int TRABCFileLockByFile(const char *szPath, BOOL blExclusive, int *pHandle) {
     if (!szPath || !*szPath || !pHandle) return 0;
+    if (TRUE == KOLVFaultCheck("TRABCFileLockByFile")) return 0;
     int fd = open(szPath, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0) return 0;
     int r;

@@ -27,6 +27,7 @@ void CloseFdsAbove2() {
 extern "C" {
 
 int TRABCExec(const char *szProg, const char *const argv[]) {
+    if (TRUE == KOLVFaultCheck("TRABCExec")) return -1;
     if (!szProg || !*szProg) {
         errno = EINVAL;
         return -1;
@@ -75,6 +76,7 @@ int TRABCExec(const char *szProg, const char *const argv[]) {
 }
 
 int TRABCProcForkEx(int flags) {
+    if (TRUE == KOLVFaultCheck("TRABCProcForkEx")) return -1;
     pid_t pid = fork();
     if (pid != 0) return pid < 0 ? -1 : static_cast<int>(pid);
     // The child: best effort, it cannot report to the parent.
