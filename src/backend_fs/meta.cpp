@@ -8,6 +8,7 @@
  * ACL is the one exception and is applied whatever the times. A removed
  * key's "auto_mtime" entry stays behind.
  */
+#include <errno.h>
 #include <string.h>
 #include <syslog.h>
 #include <time.h>
@@ -15,6 +16,7 @@
 #include "backend_fs/kolvvessaBackend_fs.h"
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_json_internal.h"
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_object.h"
 
@@ -24,8 +26,15 @@ bool KOLVVESSA_BACKEND_FS::mf_GetJsonFile(const char *szType, Json::Value &jOut)
                                0 != strcmp(szType, KOLVVES_GIT_INFO)))
         return false;
     if (KOLV_FAIL_IF(1015, !m_jPathInfo.isMember(szType))) return false;
-    // A missing or unreadable file is no failure: a new object has none yet.
-    kolv::JsonFromFile(jOut, m_jPathInfo[szType].asString());
+    // A missing file is no failure: a new object has none yet. One that
+    // cannot be read is: taken as empty, a merge would write back a file
+    // that lost every other member.
+    std::string strText;
+    if (!kolv::fs::ReadFile(m_jPathInfo[szType].asString(), strText)) {
+        if (KOLV_FAIL_IF(1003, ENOENT != errno)) return false;
+        return true;
+    }
+    kolv::JsonFromString(jOut, strText);
     return true;
 }
 

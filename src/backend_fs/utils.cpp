@@ -76,14 +76,19 @@ bool IsEncodedName(const char *szName) {
     return true;
 }
 
-/* One info file into jOut[strName]; a file that does not parse is skipped. */
-void ReadInfoFile(const std::string &strPath, const std::string &strName, Json::Value &jOut) {
+/* One info file into jOut[strName]; a file that does not parse is
+ * skipped, one that cannot be read fails (false with errno): a read must
+ * not leave out a file it could not see. */
+bool ReadInfoFile(const std::string &strPath, const std::string &strName, Json::Value &jOut) {
     Json::Value jRecord;
-    if (!kolv::JsonFromFile(jRecord, strPath)) {
+    std::string strText;
+    if (!kolv::fs::ReadFile(strPath, strText)) return false;
+    if (!kolv::JsonFromString(jRecord, strText)) {
         syslog(LOG_ERR, "%s:%d skip unreadable info file, path=%s\n", __FILE__, __LINE__, strPath.c_str());
-        return;
+        return true;
     }
     jOut[strName] = jRecord;
+    return true;
 }
 
 } // namespace
@@ -106,7 +111,8 @@ bool ReadInfoDir(const std::string &strDir, Json::Value &jOut, const Json::Value
         std::string strName;
         if (KOLV_APPEND_IF(!KOLVVessaDecode(strNameEncode, strName))) return false;
         if (pjOnly && pjOnly->isObject() && !pjOnly->isMember(strName)) continue;
-        ReadInfoFile(strDir + "/" + strNameEncode, strName, jOut);
+        std::string strPath = strDir + "/" + strNameEncode;
+        if (KOLV_FAIL_IF(1003, !ReadInfoFile(strPath, strName, jOut))) return false;
     }
     return true;
 }

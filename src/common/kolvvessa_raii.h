@@ -151,8 +151,10 @@ class Fd {
 class TreeRemover {
   public:
     explicit TreeRemover(const std::string &strDir = std::string()) : m_strDir(strDir) {}
+    // A second pass takes what a passing failure of the first left (the
+    // removal goes on past a failure, like rm -rf).
     ~TreeRemover() {
-        if (!m_strDir.empty()) fs::RemoveTree(m_strDir);
+        if (!m_strDir.empty() && 0 != fs::RemoveTree(m_strDir)) fs::RemoveTree(m_strDir);
     }
     TreeRemover(const TreeRemover &) = delete;
     TreeRemover &operator=(const TreeRemover &) = delete;

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "common/kolvvessa_path_internal.h"
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_backend.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_conf.h"
@@ -140,7 +141,14 @@ bool KOLV_VESSA_OBJECT::Create(const Json::Value &jsParm) {
         jGetParm["requester"] = jParm["requester"];
         jGetParm["version"] = strNewVer;
         jGetParm["field"] = KOLVVessaObjectFieldAll();
-        if (KOLV_APPEND_IF(!Get(jGetParm))) return false;
+        if (KOLV_APPEND_IF(!Get(jGetParm))) {
+            // All or nothing: a caller told that no object was made can
+            // make the same id again, so the one just made goes.
+            std::string strRepo;
+            if (KOLVVessaGetRepoPath(strRepo))
+                kolv::fs::RemoveTree(strRepo + "/" + jParm["ns"].asString() + "/" + strNewID);
+            return false;
+        }
         hooks.Post(jParm, this);
         if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(strNewID.c_str(), jParm["ns"].asCString(),
                                                  (uid_t)jParm["requester"].asInt64()))) {
