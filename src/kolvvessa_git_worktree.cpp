@@ -297,8 +297,8 @@ int UpdateWorkTree(git_repository *pRepo, const char *szRepo, git_tree *pBaselin
 }
 
 int WriteTreeInto(git_repository *pRepo, const char *szDir, git_tree *pTree) {
-    fs::DirSpec spec = {0755, (uid_t)-1, (gid_t)-1};
-    Fd fdRoot(fs::MakeDirs(szDir, spec));
+    fs::DirSpec shape = {0755, (uid_t)-1, (gid_t)-1};
+    Fd fdRoot(fs::MakeDirs(szDir, shape));
     if (0 > fdRoot.get()) {
         syslog(LOG_ERR, "%s:%d refuse the target folder [%s] (%m)", __FILE__, __LINE__, szDir);
         return GIT_ERROR;

@@ -68,7 +68,7 @@ bool IsDotName(const std::string &str) {
     return "." == str || ".." == str;
 }
 
-/* One step of the walk: the folder szName below fd, made with spec when
+/* One step of the walk: the folder szName below fd, made as shape says when
  * pSpec is given and it is missing. */
 int StepInto(int fd, const char *szName, const DirSpec *pSpec) {
     int fdNext = openat(fd, szName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -210,9 +210,9 @@ int OpenParent(const std::string &strPath, std::string &strName) {
     return Walk(strPath, 1, NULL, &strName);
 }
 
-int MakeDirs(const std::string &strPath, const DirSpec &spec) {
+int MakeDirs(const std::string &strPath, const DirSpec &shape) {
     if (Injected("mkdirs")) return -1;
-    return Walk(strPath, 0, &spec, NULL);
+    return Walk(strPath, 0, &shape, NULL);
 }
 
 int OpenFile(const std::string &strPath, int flags, mode_t mode) {

@@ -48,8 +48,8 @@ int OpenDir(const std::string &strPath);
 int OpenParent(const std::string &strPath, std::string &strName);
 
 /* Opens strPath like OpenDir, creating the missing folders on the way;
- * each folder this call creates (only those) gets spec. -1 with errno. */
-int MakeDirs(const std::string &strPath, const DirSpec &spec);
+ * each folder this call creates (only those) is made as shape says. -1 with errno. */
+int MakeDirs(const std::string &strPath, const DirSpec &shape);
 
 /* Opens a file; O_NOFOLLOW and O_CLOEXEC are added to flags. -1 with
  * errno. */
