@@ -80,7 +80,9 @@ bool BinaryFromPath(TRABCSzHash *&pAddHash, const Json::Value &jItem, const std:
     if (KOLV_FAIL_IF(1007, !jItem["path"].isString())) return false;
     std::string strSource = jItem["path"].asString();
     std::string strBinaryPath = strBinaryFolder + "/" + strEncoded;
-    if (KOLV_FAIL_IF(1023, !kolv::CopySourceFile(strSource, requester, strBinaryPath))) return false;
+    kolv::Fd fdAsRequester(kolv::OpenSourceFile(strSource, requester));
+    if (KOLV_FAIL_IF(1023, 0 > fdAsRequester.get())) return false;
+    if (KOLV_FAIL_IF(1003, !kolv::fs::CopyFromFd(fdAsRequester.get(), strBinaryPath))) return false;
     std::string strMD5;
     if (KOLV_APPEND_IF(!KOLVVessaObjectEvalFileMd5(strBinaryPath.c_str(), strMD5))) return false;
     Json::Value jInfo;

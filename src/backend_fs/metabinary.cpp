@@ -15,6 +15,7 @@
 #include "backend_fs/source_file.h"
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_json_internal.h"
+#include "common/kolvvessa_raii.h"
 #include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_object.h"
@@ -61,7 +62,9 @@ bool StoreFile(const MetaBinaryItem &item, const Json::Value &jItem, long long r
     // through a temporary file and a rename: a reader sees the old bytes
     // or the new ones, never a part, and never a link's target.
     std::string strSrc = jItem["path"].asString();
-    if (KOLV_FAIL_IF(1023, !kolv::CopySourceFile(strSrc, requester, item.strFile))) return false;
+    kolv::Fd fdAsRequester(kolv::OpenSourceFile(strSrc, requester));
+    if (KOLV_FAIL_IF(1023, 0 > fdAsRequester.get())) return false;
+    if (KOLV_FAIL_IF(1003, !kolv::fs::CopyFromFd(fdAsRequester.get(), item.strFile))) return false;
     // The digest of what was stored, not of a source that may change since.
     std::string strMD5;
     if (KOLV_APPEND_IF(!KOLVVessaObjectEvalFileMd5(item.strFile.c_str(), strMD5))) return false;

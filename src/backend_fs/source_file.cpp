@@ -69,10 +69,4 @@ int OpenSourceFile(const std::string &strPath, uid_t requester) {
     return OpenRegular(strPath);
 }
 
-bool CopySourceFile(const std::string &strSrc, uid_t requester, const std::string &strDst) {
-    Fd fd(OpenSourceFile(strSrc, requester));
-    if (0 > fd.get()) return false;
-    return fs::CopyFromFd(fd.get(), strDst);
-}
-
 } // namespace kolv

@@ -27,10 +27,6 @@ uid_t RequesterOf(const Json::Value &jParm);
  * anything but a regular file) otherwise. The caller closes it. */
 int OpenSourceFile(const std::string &strPath, uid_t requester);
 
-/* Copies the requester's file strSrc into the store's file strDst (a new
- * file renamed into place, never through a link). False with errno. */
-bool CopySourceFile(const std::string &strSrc, uid_t requester, const std::string &strDst);
-
 } // namespace kolv
 
 #endif /* KOLVVESSA_BACKEND_FS_SOURCE_FILE_H */

@@ -142,7 +142,7 @@ TEST_F(HostileStoreTest, LinksPlantedInTheObjectAreNeverWrittenThrough) {
          "1003 !ReadInfoFile(strPath, strName, jOut)|1002 0 > fdLock"},
         {"metabinary folder", "mv metabinary mb.real && ln -s @V@/dir metabinary",
          "rm metabinary && mv mb.real metabinary", szMetaBinary,
-         "1023 !kolv::CopySourceFile(strSrc, requester, item.strFile)"},
+         "1003 !kolv::fs::CopyFromFd(fdAsRequester.get(), item.strFile)"},
     };
     const std::string strObject = ObjectDir(m_strID), strOutside = Outside();
     const std::string strSrc2 = m_sys.Path("/tmp/src2.bin");
@@ -225,8 +225,8 @@ TEST_F(HostileStoreTest, PathSourcesAreOpenedAsTheRequesterAndBinaryOnlySetsKeep
         jMeta["mtime"] = (Json::Int64)mtime++;
         std::string strBefore = m_strVer, strVer;
         if (!c.szContent) {
-            EXPECT_FAILS(Set(jBinary, c.requester), 1023, "!kolv::CopySourceFile(strSource, requester, strBinaryPath)");
-            EXPECT_FAILS(Set(jMeta, c.requester), 1023, "!kolv::CopySourceFile(strSrc, requester, item.strFile)");
+            EXPECT_FAILS(Set(jBinary, c.requester), 1023, "0 > fdAsRequester.get()");
+            EXPECT_FAILS(Set(jMeta, c.requester), 1023, "0 > fdAsRequester.get()");
             ASSERT_TRUE(Read(strVer)) << StackText();
             EXPECT_EQ(strBefore, strVer);
             EXPECT_FALSE(kolvtest::ReadFile(strObject + "/metabinary/" + strFile) == "secret\n");
@@ -285,10 +285,9 @@ TEST_F(HostileStoreTest, AFailedCreateLeavesNothingAndTheIdCanBeCreatedAgain) {
         int code;
         const char *szOrigin;
     } rgCase[] = {
-        {"binary file refused", "true", "true", "binary_files", 1023,
-         "!kolv::CopySourceFile(strSource, requester, strBinaryPath)"},
+        {"binary file refused", "true", "true", "binary_files", 1023, "0 > fdAsRequester.get()"},
         {"meta binary file refused, after the JSON files", "true", "true", "metabinary_files", 1023,
-         "!kolv::CopySourceFile(strSrc, requester, item.strFile)"},
+         "0 > fdAsRequester.get()"},
         {"no scratch folder", "rm -rf '" + strTmp + "' && touch '" + strTmp + "'", "rm '" + strTmp + "'", NULL, 1032,
          "strScratch.empty()"},
     };

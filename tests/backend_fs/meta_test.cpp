@@ -224,8 +224,7 @@ TEST_F(MetaTest, MetaBinaryIsStoredReplacedAndDeletedByTime) {
                  "jSeen.isMember(jItem[\"name\"].asString())");
     EXPECT_FAILS(SetItems(10, Item("", "raw", strSrc)), 1007,
                  "!jItem[\"name\"].isString() || jItem[\"name\"].asString().empty()");
-    EXPECT_FAILS(SetItems(10, Item("a", "raw", m_sys.Path("/absent"))), 1023,
-                 "!kolv::CopySourceFile(strSrc, requester, item.strFile)");
+    EXPECT_FAILS(SetItems(10, Item("a", "raw", m_sys.Path("/absent"))), 1023, "0 > fdAsRequester.get()");
     EXPECT_FALSE(TRABCFileExist(FileOf("a").c_str()));
     EXPECT_EQ(0u, MetaBinaryInfo().size());
 
