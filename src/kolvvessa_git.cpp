@@ -367,7 +367,9 @@ int GitCommit(const char *szRepo, const char *szParentVer, long long mtime, TRAB
     // Trees are content-addressed: the same id means nothing changed.
     if (git_oid_equal(git_tree_id(pParentTree.get()), git_tree_id(pTree.get()))) {
         strNewVer = szParentVer;
-        return 0;
+        // Nothing to commit; a work tree that a writer killed half-way
+        // left is still made whole.
+        return kolv::git::RepairWorkTree(pRepo.get(), szRepo);
     }
     std::string strRef;
     kolv::GitSignature pSig;

@@ -57,6 +57,11 @@ int CheckWorkTree(const char *szDir);
  * from pBaseline when the work tree is known to hold it, else whole. */
 int UpdateWorkTree(git_repository *pRepo, const char *szRepo, git_tree *pBaseline, git_tree *pNew);
 
+/* Writes HEAD's tree whole into the work tree of szRepo unless the work
+ * tree is known to hold it already: what a writer killed half-way left
+ * is made whole again. */
+int RepairWorkTree(git_repository *pRepo, const char *szRepo);
+
 /* Writes pTree whole into szDir, which is made when missing. */
 int WriteTreeInto(git_repository *pRepo, const char *szDir, git_tree *pTree);
 

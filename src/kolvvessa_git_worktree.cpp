@@ -296,6 +296,21 @@ int UpdateWorkTree(git_repository *pRepo, const char *szRepo, git_tree *pBaselin
     return 0;
 }
 
+int RepairWorkTree(git_repository *pRepo, const char *szRepo) {
+    git_reference *pRawHead = NULL;
+    if (0 > git_repository_head(&pRawHead, pRepo)) return 0;
+    GitReference pHead(pRawHead);
+    git_object *pObj = NULL;
+    if (0 > git_reference_peel(&pObj, pHead.get(), GIT_OBJECT_TREE)) return 0;
+    GitTree pTree(reinterpret_cast<git_tree *>(pObj));
+    Fd fdGit;
+    int ret = CheckRepository(szRepo, false, &fdGit);
+    if (0 > ret) return ret;
+    std::string strMark;
+    if (fs::ReadFileAt(fdGit.get(), s_szMark, strMark) && strMark == TreeId(pTree.get())) return 0;
+    return UpdateWorkTree(pRepo, szRepo, NULL, pTree.get());
+}
+
 int WriteTreeInto(git_repository *pRepo, const char *szDir, git_tree *pTree) {
     fs::DirSpec shape = {0755, (uid_t)-1, (gid_t)-1};
     Fd fdRoot(fs::MakeDirs(szDir, shape));
