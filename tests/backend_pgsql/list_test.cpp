@@ -54,6 +54,19 @@ class Rows {
     KOLV_VESSA_OBJECT **m_tail = &m_head;
 };
 
+// "id/perm" of every object of a listing that returned count, which
+// must be the chain's length; "ERR" for a failed one. Frees the chain.
+std::string Listed(int count, KOLV_VESSA_OBJECT *pHead) {
+    if (count < 0) return "ERR";
+    std::string str;
+    int n = 0;
+    for (KOLV_VESSA_OBJECT *p = pHead; p; p = p->m_next, ++n)
+        str += (str.empty() ? "" : ",") + p->get_id() + "/" + p->get_perm();
+    EXPECT_EQ(count, n);
+    KOLVVessaObjectFreeList(pHead);
+    return str;
+}
+
 class ListTest : public kolvtest::SysrootTest {
   protected:
     void SetUp() override {
@@ -75,16 +88,10 @@ class ListTest : public kolvtest::SysrootTest {
         KOLV_VESSA_OBJECT *pHead = nullptr;
         unsigned total = 12345;
         int count = KOLVVessaObjectList(jParm, &pHead, total);
-        if (count < 0) return "ERR";
-        std::string str;
-        int n = 0;
-        for (KOLV_VESSA_OBJECT *p = pHead; p; p = p->m_next, ++n) {
-            str += (str.empty() ? "" : ",") + p->get_id() + "/" + p->get_perm();
+        if (count >= 0) {
+            EXPECT_EQ((unsigned)count, total);
         }
-        EXPECT_EQ(count, n);
-        EXPECT_EQ((unsigned)count, total);
-        KOLVVessaObjectFreeList(pHead);
-        return str;
+        return Listed(count, pHead);
     }
 };
 
@@ -211,15 +218,12 @@ TEST_F(ListTest, EveryFilterForm) {
 
     jParm = Request(kAlice);
     jParm["filter"]["binary"] = "a.png";
-    EXPECT_EQ("ERR", List(jParm));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jFilter.isArray()", kolvtest::OriginMsg());
+    EXPECT_FAILS("ERR" != List(jParm), 1007, "!jFilter.isArray()");
     EXPECT_NE(std::string::npos,
               kolvtest::StackText().find("!add_condition_binary(jParm[\"filter\"][\"binary\"], \"binary\", "
                                          "strCondition)"));
     jParm["filter"] = kolvtest::ParseJson(R"({"metatext":5})");
-    EXPECT_EQ("ERR", List(jParm));
-    EXPECT_EQ("!jFilter.isObject()", kolvtest::OriginMsg());
+    EXPECT_FAILS("ERR" != List(jParm), 1007, "!jFilter.isObject()");
     EXPECT_NE(std::string::npos,
               kolvtest::StackText().find("!add_condition_text(jParm[\"filter\"][\"metatext\"], \"metatext\", "
                                          "strCondition)"));
@@ -233,12 +237,7 @@ std::string BackendList(Json::Value jParm) {
     KOLV_VESSA_OBJECT *pHead = nullptr;
     unsigned total = 0;
     int count = pBackend->List(jParm, &pHead, total);
-    if (count < 0) return "ERR";
-    std::string str;
-    for (KOLV_VESSA_OBJECT *p = pHead; p; p = p->m_next)
-        str += (str.empty() ? "" : ",") + p->get_id() + "/" + p->get_perm();
-    KOLVVessaObjectFreeList(pHead);
-    return str;
+    return Listed(count, pHead);
 }
 
 // With standard_conforming_strings off a backslash in a plain literal
@@ -336,17 +335,15 @@ TEST_F(ListTest, PagesOfEqualTimesNeverOverlap) {
 }
 
 TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
+    const char *szHead = "!jParm.isMember(\"ns\") || !jParm[\"ns\"].isString() || !jParm.isMember(\"requester\") || "
+                         "!jParm[\"requester\"].isIntegral()";
     const struct {
         const char *szReq;
         int code;
         const char *szOrigin;
     } rgCases[] = {
-        {R"({"requester":1101})", 1007,
-         "!jParm.isMember(\"ns\") || !jParm[\"ns\"].isString() || !jParm.isMember(\"requester\") || "
-         "!jParm[\"requester\"].isIntegral()"},
-        {R"({"ns":"note","requester":"1101"})", 1007,
-         "!jParm.isMember(\"ns\") || !jParm[\"ns\"].isString() || !jParm.isMember(\"requester\") || "
-         "!jParm[\"requester\"].isIntegral()"},
+        {R"({"requester":1101})", 1007, szHead},
+        {R"({"ns":"note","requester":"1101"})", 1007, szHead},
         {R"({"ns":"note","requester":1101,"filter":[]})", 1007, "!jParm[\"filter\"].isObject()"},
         {R"({"ns":"note","requester":1101,"filter":{"owner":1102}})", 1007, "!jParm[\"filter\"][\"owner\"].isString()"},
         {R"({"ns":"note","requester":1101,"filter":{"owner":"no-such-user"}})", 1022,
@@ -357,29 +354,21 @@ TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
          "jParm.isMember(\"limit\") && !jParm[\"limit\"].isIntegral()"},
     };
     for (const auto &c : rgCases) {
-        EXPECT_EQ("ERR", List(kolvtest::ParseJson(c.szReq))) << c.szReq;
-        EXPECT_EQ(c.code, KOLVVessaErrCodeGet()) << c.szReq;
-        EXPECT_EQ(c.szOrigin, kolvtest::OriginMsg()) << c.szReq;
+        EXPECT_FAILS("ERR" != List(kolvtest::ParseJson(c.szReq)), c.code, c.szOrigin) << c.szReq;
     }
 
     // The backend itself wants paging spelt out.
     std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
     KOLV_VESSA_OBJECT *pHead = nullptr;
     unsigned total = 0;
-    EXPECT_EQ(-1, pBackend->List(Request(kAlice), &pHead, total));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jParm.isMember(\"offset\")", kolvtest::OriginMsg());
+    EXPECT_FAILS(-1 != pBackend->List(Request(kAlice), &pHead, total), 1007, "!jParm.isMember(\"offset\")");
     Json::Value jParm = Request(kAlice);
     jParm["offset"] = 0;
-    EXPECT_EQ(-1, pBackend->List(jParm, &pHead, total));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    EXPECT_EQ("!jParm.isMember(\"limit\")", kolvtest::OriginMsg());
+    EXPECT_FAILS(-1 != pBackend->List(jParm, &pHead, total), 1007, "!jParm.isMember(\"limit\")");
 
     // A negative offset is the database's to refuse.
     jParm["offset"] = -1;
-    EXPECT_EQ("ERR", List(jParm));
-    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
-    EXPECT_EQ("(0 != KOLVDBExecute(m_conn, strSql.c_str(), &pResult))", kolvtest::OriginMsg());
+    EXPECT_FAILS("ERR" != List(jParm), 1000, "(0 != KOLVDBExecute(m_conn, strSql.c_str(), &pResult))");
 }
 
 TEST_F(ListTest, StringHashFormMatchesTheJsonForm) {
@@ -429,9 +418,7 @@ TEST_F(ListTest, DeleteRemovesTheRowsOfOneNamespace) {
     EXPECT_EQ("a-todo,c", kolvtest::Psql("SELECT string_agg(id, ',' ORDER BY id) FROM object;"));
 
     jDel["id"] = Json::Value(Json::arrayValue);
-    EXPECT_FALSE(pBackend->Delete(jDel));
-    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
-    EXPECT_EQ("(0 != KOLVDBExecute(m_conn, strSQL.c_str(), NULL))", kolvtest::OriginMsg());
+    EXPECT_FAILS(pBackend->Delete(jDel), 1000, "(0 != KOLVDBExecute(m_conn, strSQL.c_str(), NULL))");
 }
 
 } // namespace

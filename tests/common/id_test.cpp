@@ -5,6 +5,7 @@
 
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "kolvvessa/kolvvessa_common.h"
@@ -58,18 +59,11 @@ TEST(ObjectId, FormAndUniqueness) {
 TEST(ObjectId, ProcessesStartedTogetherDiffer) {
     // Both children inherit the same counter and seed; their ids differ
     // only through the process id and the clock.
-    std::string strFirst = IdsOfChild(50);
-    std::string strSecond = IdsOfChild(50);
+    std::istringstream ssIds(IdsOfChild(50) + IdsOfChild(50));
     std::set<std::string> ids;
     size_t nLines = 0;
-    for (const std::string *pOut : {&strFirst, &strSecond}) {
-        size_t pos = 0, next;
-        while ((next = pOut->find('\n', pos)) != std::string::npos) {
-            ids.insert(pOut->substr(pos, next - pos));
-            ++nLines;
-            pos = next + 1;
-        }
-    }
+    for (std::string strLine; std::getline(ssIds, strLine); ++nLines)
+        ids.insert(strLine);
     EXPECT_EQ(100u, nLines);
     EXPECT_EQ(100u, ids.size());
 }

@@ -62,14 +62,8 @@ TEST_F(IndexDbTest, ConnectionToAnExistingDatabaseKeepsItsRows) {
 
 TEST_F(IndexDbTest, StoppedServiceFailsWithoutCreatingTheDatabase) {
     setenv("PGHOST", (m_sys.Root() + "/no-such-server").c_str(), 1);
-    EXPECT_EQ(nullptr, KOLVVessaOpenConn());
-    EXPECT_EQ(1024, KOLVVessaErrCodeGet());
-    EXPECT_EQ("FALSE == TRABServiceIsRunning(SZ_PGSQL_SERVICE_NAME)", kolvtest::OriginMsg());
-
-    Json::Value jParam;
-    EXPECT_FALSE(KOLVVessaReindex(jParam));
-    EXPECT_EQ(1000, KOLVVessaErrCodeGet());
-    EXPECT_EQ("NULL == (pConn = KOLVVessaOpenConn())", kolvtest::OriginMsg());
+    EXPECT_FAILS(nullptr != KOLVVessaOpenConn(), 1024, "FALSE == TRABServiceIsRunning(SZ_PGSQL_SERVICE_NAME)");
+    EXPECT_FAILS(KOLVVessaReindex(Json::Value()), 1000, "NULL == (pConn = KOLVVessaOpenConn())");
 }
 
 TEST_F(IndexDbTest, EscapeFormatsEveryPlaceholderKind) {
