@@ -188,29 +188,38 @@ int GitGetCommitInfo(const char *szRepo, const char *szVersion, Json::Value &jIn
 namespace kolv {
 namespace git {
 
+int SubTree(git_repository *pRepo, git_tree *pTree, const char *szName, GitTree &pOut) {
+    pOut.reset();
+    const git_tree_entry *pEntry = pTree ? git_tree_entry_byname(pTree, szName) : NULL;
+    if (NULL == pEntry || GIT_OBJECT_TREE != git_tree_entry_type(pEntry)) return 0;
+    git_tree *pRaw = NULL;
+    int ret = git_tree_lookup(&pRaw, pRepo, git_tree_entry_id(pEntry));
+    pOut.reset(pRaw);
+    if (0 > ret) syslog(LOG_ERR, "%s:%d fail to git_tree_lookup (%s)", __FILE__, __LINE__, ErrText());
+    return ret;
+}
+
+int LookupBlob(git_repository *pRepo, const git_tree_entry *pEntry, GitBlob &pOut) {
+    git_blob *pRaw = NULL;
+    int ret = git_blob_lookup(&pRaw, pRepo, git_tree_entry_id(pEntry));
+    pOut.reset(pRaw);
+    if (0 > ret) syslog(LOG_ERR, "%s:%d fail to git_blob_lookup (%s)", __FILE__, __LINE__, ErrText());
+    return ret;
+}
+
 namespace {
 
 /* Every blob of the folder strDir of pTree into files. */
 int ReadFolder(git_repository *pRepo, git_tree *pTree, const std::string &strDir,
                std::map<std::string, std::string> &files) {
-    const git_tree_entry *pEntry = git_tree_entry_byname(pTree, strDir.c_str());
-    if (NULL == pEntry || GIT_OBJECT_TREE != git_tree_entry_type(pEntry)) return 0;
-    git_tree *pRawSub = NULL;
-    int ret = git_tree_lookup(&pRawSub, pRepo, git_tree_entry_id(pEntry));
-    GitTree pSub(pRawSub);
-    if (0 > ret) {
-        syslog(LOG_ERR, "%s:%d fail to git_tree_lookup (%s)", __FILE__, __LINE__, ErrText());
-        return ret;
-    }
+    GitTree pSub;
+    int ret = SubTree(pRepo, pTree, strDir.c_str(), pSub);
+    if (0 > ret || NULL == pSub) return ret;
     for (size_t i = 0; i < git_tree_entrycount(pSub.get()); ++i) {
         const git_tree_entry *pFile = git_tree_entry_byindex(pSub.get(), i);
         if (GIT_OBJECT_BLOB != git_tree_entry_type(pFile)) continue;
-        git_blob *pRawBlob = NULL;
-        if (0 > (ret = git_blob_lookup(&pRawBlob, pRepo, git_tree_entry_id(pFile)))) {
-            syslog(LOG_ERR, "%s:%d fail to git_blob_lookup (%s)", __FILE__, __LINE__, ErrText());
-            return ret;
-        }
-        GitBlob pBlob(pRawBlob);
+        GitBlob pBlob;
+        if (0 > (ret = LookupBlob(pRepo, pFile, pBlob))) return ret;
         const char *p = static_cast<const char *>(git_blob_rawcontent(pBlob.get()));
         files[strDir + "/" + git_tree_entry_name(pFile)].assign(p, static_cast<size_t>(git_blob_rawsize(pBlob.get())));
     }

@@ -86,6 +86,13 @@ void CommitInfo(const git_commit *pCommit, Json::Value &jInfo);
  * the file store's exclusive object lock guarantees. 0 or negative. */
 int ClearStaleRefLocks(const char *szRepo);
 
+/* The folder szName of pTree (NULL: none) into pOut; pOut stays NULL when
+ * the tree has no such folder. */
+int SubTree(git_repository *pRepo, git_tree *pTree, const char *szName, GitTree &pOut);
+
+/* The blob a tree entry names into pOut. */
+int LookupBlob(git_repository *pRepo, const git_tree_entry *pEntry, GitBlob &pOut);
+
 /* One version's files, read from the repository's objects and never from
  * the work tree (which its owner can change and a crash can leave half
  * written): for every folder of dirs that the version's tree has, each

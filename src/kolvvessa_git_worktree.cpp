@@ -86,19 +86,6 @@ int CheckFolders(int fdRoot, const char *szDir) {
     return 0;
 }
 
-/* The folder szName of pTree (NULL: none) into pOut; pOut stays NULL when
- * the tree has no such folder. */
-int SubTree(git_repository *pRepo, git_tree *pTree, const char *szName, GitTree &pOut) {
-    pOut.reset();
-    const git_tree_entry *pEntry = pTree ? git_tree_entry_byname(pTree, szName) : NULL;
-    if (NULL == pEntry || GIT_OBJECT_TREE != git_tree_entry_type(pEntry)) return 0;
-    git_tree *pRaw = NULL;
-    int ret = git_tree_lookup(&pRaw, pRepo, git_tree_entry_id(pEntry));
-    pOut.reset(pRaw);
-    if (0 > ret) syslog(LOG_ERR, "%s:%d fail to git_tree_lookup (%s)", __FILE__, __LINE__, ErrText());
-    return ret;
-}
-
 bool IsFile(const git_tree_entry *pEntry) {
     git_filemode_t mode = git_tree_entry_filemode(pEntry);
     const char *szName = git_tree_entry_name(pEntry);
@@ -145,13 +132,9 @@ bool ReplaceFile(int fdDir, const char *szName, const void *p, size_t cb, mode_t
  * a file that holds the content already is left alone. */
 int WriteFile(git_repository *pRepo, int fdDir, const git_tree_entry *pEntry, const Owner &owner, bool blSkipSame) {
     const char *szName = git_tree_entry_name(pEntry);
-    git_blob *pRaw = NULL;
-    int ret = git_blob_lookup(&pRaw, pRepo, git_tree_entry_id(pEntry));
-    GitBlob pBlob(pRaw);
-    if (0 > ret) {
-        syslog(LOG_ERR, "%s:%d fail to git_blob_lookup (%s)", __FILE__, __LINE__, ErrText());
-        return ret;
-    }
+    GitBlob pBlob;
+    int ret = LookupBlob(pRepo, pEntry, pBlob);
+    if (0 > ret) return ret;
     const void *p = git_blob_rawcontent(pBlob.get());
     size_t cb = static_cast<size_t>(git_blob_rawsize(pBlob.get()));
     if (blSkipSame && HoldsAlready(fdDir, szName, p, cb)) return 0;
