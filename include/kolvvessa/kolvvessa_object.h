@@ -141,6 +141,42 @@ class KOLV_EXPORT KOLV_VESSA_OBJECT {
     /* Changes through a temporary object; gives the new version. Codes as
      * above, with "!tmpNewObj.Set(jsParm)" appended. */
     bool Set(const Json::Value &jsParm, std::string &strNewVer);
+    /* Deletes an object from the file store and from the index ({"ns",
+     * "id", "requester", "recursive"? (a bool: the descendants too, found
+     * through the index by "parent_id")}). Only the owner and the system
+     * requester 0 may delete; sharing never grants it. The namespace's
+     * "delete" hooks see the object as it was, before and after. A
+     * descendant that cannot be deleted is written to the system log and
+     * the others are still deleted; the call still succeeds. Deleting an
+     * object whose folder is gone already succeeds. Returns true, or
+     * false with:
+     *   1007 a malformed record;
+     *   1008 an id without an owner;
+     *   1010 no file or index backend;
+     *   1023 the requester is not the owner ("owner != requester");
+     *   the codes of the access and id checks, of reading the object and
+     *   of the two stores, appended to. */
+    bool Delete(const Json::Value &jParm);
+    /* Renames one field of an object and leaves it, as read back, in this
+     * object ({"ns", "id", "requester", "segment" ("text", "binary",
+     * "metatext" or "metabinary"), "old_field", "new_field", "version"
+     * (required for "text" and "binary": the version the rename is based
+     * on), "commit_msg"? (an object), "mtime"? (an integer)}). A text or
+     * binary rename makes a new version; a meta rename does not. Only the
+     * owner and the system requester 0 may rename, whatever the sharing.
+     * Returns true, or false with:
+     *   1007 a malformed record;
+     *   1010 no file backend;
+     *   1023 the requester is not the owner;
+     *   the codes of the access and id checks, of reading the object and
+     *   of the file store (1008 for a field the version does not have),
+     *   appended to.
+     * A failed index write is logged and does not fail the rename. */
+    bool FieldRename(const Json::Value &jParm);
+    /* Renames through a temporary object; gives the object's version after
+     * the rename. Codes as above, with "!tmpNewObj.FieldRename(jsParm)"
+     * appended. */
+    bool FieldRename(const Json::Value &jsParm, std::string &strNewVer);
 
     KOLV_VESSA_OBJECT *m_next;
     Json::Value m_param;
@@ -207,6 +243,20 @@ KOLV_EXPORT bool KOLVVessaObjectGet(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT *pO
 KOLV_EXPORT bool KOLVVessaObjectSet(TRABSZHASH *pParmHash, std::string &strNewVer);
 /* Copies an object ("ns", "id", "requester"; "parent_id" optional). */
 KOLV_EXPORT bool KOLVVessaObjectCopy(TRABSZHASH *pParmHash, std::string &strNewID, std::string &strNewVer);
+/* Deletes an object ("ns", "id", "requester"; "recursive" optional, as
+ * "true"/"1" or "false"/"0"). 1015 for a NULL hash, 1007 for a missing key,
+ * a bad requester or another "recursive" text; otherwise the codes of
+ * KOLV_VESSA_OBJECT::Delete with "!KOLV_VESSA_OBJECT::Delete(jParm)"
+ * appended. */
+KOLV_EXPORT bool KOLVVessaObjectDelete(TRABSZHASH *pParmHash);
+/* Renames a field ("ns", "id", "requester", "segment", "old_field",
+ * "new_field"; "version" and "commit_msg" (JSON text of an object) and
+ * "mtime" (decimal) optional) and gives the version after the rename. 1015
+ * for a NULL hash, 1007 for a missing key, a bad requester, a "commit_msg"
+ * that does not parse or an "mtime" with trailing characters; otherwise
+ * the codes of KOLV_VESSA_OBJECT::FieldRename with
+ * "!KOLV_VESSA_OBJECT::FieldRename(jParm, strNewVer)" appended. */
+KOLV_EXPORT bool KOLVVessaObjectFieldRename(TRABSZHASH *pParmHash, std::string &strNewVer);
 
 #include "kolvvessaobjectgetter.h"
 #include "kolvvessaobjectsetter.h"
