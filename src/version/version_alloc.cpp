@@ -1,5 +1,6 @@
 /*
- * The version record: life cycle, accessors and chains.
+ * The version record: life cycle, accessors and chains, and the list that
+ * owns a chain.
  */
 #include <new>
 
@@ -76,6 +77,17 @@ void KOLV_VESSA_OBJECT_VERSION::set_author(unsigned long author) {
 
 void KOLV_VESSA_OBJECT_VERSION::set_mtime(long t) {
     if (m_impl) m_impl->mtime = t;
+}
+
+KOLV_VESSA_OBJECT_VERSION_LIST::KOLV_VESSA_OBJECT_VERSION_LIST() : m_head(NULL) {}
+
+KOLV_VESSA_OBJECT_VERSION_LIST::~KOLV_VESSA_OBJECT_VERSION_LIST() {
+    clear();
+}
+
+void KOLV_VESSA_OBJECT_VERSION_LIST::clear() {
+    KOLVVessaObjectVersionFreeList(m_head);
+    m_head = NULL;
 }
 
 extern "C" {
