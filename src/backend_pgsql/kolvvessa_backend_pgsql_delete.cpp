@@ -12,10 +12,29 @@
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_index.h"
 
+namespace {
+
+// The ids as the statement quotes them: one string or an array of
+// strings, none cut short by a NUL (the escaping stops at one, so
+// "a\0b" would delete the row of "a").
+bool IdsAreWhole(const Json::Value &jIds) {
+    if (jIds.isString()) return std::string::npos == jIds.asString().find('\0');
+    if (!jIds.isArray()) return false;
+    for (const Json::Value &jId : jIds) {
+        if (!jId.isString() || std::string::npos != jId.asString().find('\0')) return false;
+    }
+    return true;
+}
+
+} // namespace
+
 bool KOLVVESSA_BACKEND_PGSQL::Delete(const Json::Value &jParm) {
     return KOLV_NO_THROW_AS(false, 1007, "index delete rejected", [&]() -> bool {
         if (KOLV_APPEND_IF(!init())) return false;
         if (KOLV_FAIL_IF(1007, !jParm["ns"].isString())) return false;
+        if (KOLV_FAIL_IF(1007, !IdsAreWhole(jParm["id"]))) return false;
+        // "IN ()" is no statement; no ids means no rows to remove.
+        if (jParm["id"].isArray() && jParm["id"].empty()) return true;
         kolv::CString szSQLDelete(KOLVDBEscapeStringEX3(
             1, m_conn, "DELETE FROM object where ns = '@KOLV:VAR' AND id IN ", jParm["ns"].asCString()));
         if (KOLV_FAIL_IF(1000, (NULL == szSQLDelete))) return false;

@@ -68,7 +68,7 @@ bool KOLV_VESSA_OBJECT::FieldRename(const Json::Value &jsParm) {
     return KOLV_NO_THROW(false, [&]() -> bool {
         Json::Value jParm(jsParm);
         if (!CheckRenameParm(jParm)) return false;
-        if (KOLV_FAIL_IF(1007, !PrepareFieldRenameParm(jParm))) return false;
+        if (KOLV_APPEND_IF(!PrepareFieldRenameParm(jParm))) return false;
         KOLV_VESSA_OBJECT tmpOldObj;
         Json::Value jGetParm = ReadParm(jParm);
         if (KOLV_APPEND_IF(!tmpOldObj.Get(jGetParm))) return false;
