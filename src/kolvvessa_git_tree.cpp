@@ -142,6 +142,15 @@ int TreeEdit::Rename(const char *szOld, const char *szNew) {
         syslog(LOG_ERR, "%s:%d fail to git_tree_entry_bypath [%s] (%s)", __FILE__, __LINE__, szOld, ErrText());
         return ret;
     }
+    // A rename never replaces: the file already under the new name would
+    // be lost, and a name renamed onto itself would be removed.
+    git_tree_entry *pTaken = NULL;
+    if (NULL != szNew && 0 == git_tree_entry_bypath(&pTaken, m_pBase, szNew)) {
+        git_tree_entry_free(pTaken);
+        git_error_set_str(GIT_ERROR_INVALID, "the new name is taken");
+        syslog(LOG_ERR, "%s:%d rename target exists [%s]", __FILE__, __LINE__, szNew);
+        return GIT_EEXISTS;
+    }
     if (NULL == szNew || 0 > (ret = Insert(szNew, git_tree_entry_id(pEntry), git_tree_entry_filemode(pEntry)))) {
         return (NULL == szNew) ? GIT_ERROR : ret;
     }

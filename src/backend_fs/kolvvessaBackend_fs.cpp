@@ -8,6 +8,7 @@
 
 #include <errno.h>
 #include <git2.h>
+#include <sys/stat.h>
 
 #include <exception>
 
@@ -33,14 +34,19 @@ void PinLibgit2() {
     (void)s_pinned;
 }
 
-/* ".ID.RANDOM" in the folder of strFinal: not an id, so neither listed
- * nor found by a get. */
-std::string HiddenBeside(const std::string &strFinal) {
-    size_t slash = strFinal.rfind('/');
-    return strFinal.substr(0, slash + 1) + "." + strFinal.substr(slash + 1) + "." + kolv::fs::RandomName(8);
+/* Whether the folder open at fdDir is the one at strPath now. */
+bool IsFolderAt(int fdDir, const std::string &strPath) {
+    struct stat stOpen, stNow;
+    return 0 == fstat(fdDir, &stOpen) && kolv::fs::Lstat(strPath, stNow) && S_ISDIR(stNow.st_mode) &&
+           stOpen.st_dev == stNow.st_dev && stOpen.st_ino == stNow.st_ino;
 }
 
 } // namespace
+
+std::string kolv::HiddenBeside(const std::string &strFinal) {
+    size_t slash = strFinal.rfind('/');
+    return strFinal.substr(0, slash + 1) + "." + strFinal.substr(slash + 1) + "." + kolv::fs::RandomName(8);
+}
 
 KOLVVESSA_BACKEND_FS::KOLVVESSA_BACKEND_FS() {
     PinLibgit2();
@@ -65,7 +71,7 @@ bool KOLVVESSA_BACKEND_FS::Create(const Json::Value &jParm, std::string &strId, 
         // create of the id, sees all of it or nothing, and a failure
         // anywhere removes what was made.
         std::string strFinal = m_jPathInfo[KOLVVES_ID_PATH].asString();
-        std::string strHidden = HiddenBeside(strFinal);
+        std::string strHidden = kolv::HiddenBeside(strFinal);
         if (KOLV_APPEND_IF(!mf_GetPathInfoByBase(strHidden, m_jPathInfo))) return false;
         kolv::TreeRemover cleanup(strHidden);
         if (KOLV_APPEND_IF(!mf_CreatePath())) return false;
@@ -90,14 +96,28 @@ bool KOLVVESSA_BACKEND_FS::Set(const Json::Value &jParm, std::string &strNewVer)
     return KOLV_NO_THROW(false, [&]() -> bool {
         if (KOLV_FAIL_IF(1015, !jParm.isMember("version"))) return false;
         if (KOLV_APPEND_IF(!mf_init(jParm))) return false;
-        // A change never brings an object into being.
-        if (KOLV_FAIL_IF(1008, !kolv::fs::IsDir(m_jPathInfo[KOLVVES_ID_PATH].asString()))) return false;
         kolv::ObjectLock lock;
-        uid_t owner = (uid_t)m_jParm["owner"].asUInt();
-        if (KOLV_APPEND_IF(!lock.Acquire(m_jPathInfo[KOLVVES_ID_PATH].asString(), true, owner))) return false;
+        if (KOLV_APPEND_IF(!mf_LockObject(lock))) return false;
         if (KOLV_APPEND_IF(!mf_SaveConfig(strNewVer))) return false;
         return true;
     });
+}
+
+bool KOLVVESSA_BACKEND_FS::mf_LockObject(kolv::ObjectLock &lock) {
+    const std::string strDir = m_jPathInfo[KOLVVES_ID_PATH].asString();
+    // A change never brings an object into being. The folder is held
+    // open while the lock is waited for, so the one found afterwards at
+    // the path can be told from it, and its inode is not reused meanwhile.
+    if (KOLV_FAIL_IF(1008, !kolv::fs::IsDir(m_jPathInfo[KOLVVES_ID_PATH].asString()))) return false;
+    kolv::Fd fdDir(kolv::fs::OpenDir(strDir));
+    if (KOLV_FAIL_IF(1008, 0 > fdDir.get())) return false;
+    bool blLocked = lock.Acquire(strDir, true, (uid_t)m_jParm["owner"].asUInt());
+    // A delete renames the folder away under this lock and releases it:
+    // a writer that waited for it must neither write into the folder
+    // being removed nor make a new one at the old place.
+    if (KOLV_FAIL_IF(1008, !IsFolderAt(fdDir.get(), strDir))) return false;
+    if (KOLV_APPEND_IF(!blLocked)) return false;
+    return true;
 }
 
 bool KOLVVESSA_BACKEND_FS::Get(const Json::Value &jParm, KOLV_VESSA_OBJECT *pObject) {
@@ -127,15 +147,5 @@ int KOLVVESSA_BACKEND_FS::List(const Json::Value &, KOLV_VESSA_OBJECT **, unsign
 
 bool KOLVVESSA_BACKEND_FS::Download(const Json::Value &) {
     KOLV_FAIL_FMT(1000, "file-store download is not available yet");
-    return false;
-}
-
-bool KOLVVESSA_BACKEND_FS::FieldRename(const Json::Value &, std::string &) {
-    KOLV_FAIL_FMT(1000, "file-store field rename is not available yet");
-    return false;
-}
-
-bool KOLVVESSA_BACKEND_FS::Delete(const Json::Value &) {
-    KOLV_FAIL_FMT(1000, "file-store delete is not available yet");
     return false;
 }

@@ -7,8 +7,9 @@
  * Source files: kolvvessaBackend_fs.cpp (construction, public operations),
  * utils.cpp (mf_init, path info, field selection, directory readers),
  * meta.cpp (the JSON files and their merge), metabinary.cpp (the meta
- * binary store), git.cpp (versions: write, read, list, diff) and
- * binary.cpp (a version's files on disk).
+ * binary store), git.cpp (versions: write, read, list, diff),
+ * binary.cpp (a version's files on disk), rename.cpp (field rename) and
+ * delete.cpp (object delete).
  */
 #ifndef KOLVVESSA_BACKEND_FS_H
 #define KOLVVESSA_BACKEND_FS_H
@@ -24,6 +25,9 @@
 
 class KOLV_VESSA_OBJECT;
 class KOLV_VESSA_OBJECT_VERSION;
+namespace kolv {
+class ObjectLock;
+}
 
 class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
   public:
@@ -41,6 +45,21 @@ class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
     bool VersionDiff(const Json::Value &jParm, Json::Value &jDiff) override;
     int VersionList(const Json::Value &jParm, KOLV_VESSA_OBJECT_VERSION **ppHead, unsigned int &total,
                     unsigned int &listableTotal) override;
+
+    /* Takes the object's exclusive lock for a change and checks that the
+     * folder locked is still the object's: a delete renames the folder
+     * away under this lock, so a writer that waited for it finds it gone.
+     * 1008 when the object is missing or went away (kolvvessaBackend_fs.cpp). */
+    bool mf_LockObject(kolv::ObjectLock &lock);
+    /* After mf_init: the request's ns is a namespace (not the scratch
+     * folder "@tmp", not hidden) and its id not a hidden folder (a create
+     * or delete in progress); 1007 otherwise (delete.cpp). */
+    bool mf_CheckObjectPlace();
+
+    // ---- field rename (rename.cpp) ----
+    bool mf_RenameGitField(std::string &strNewVer);
+    bool mf_RenameMetaText();
+    bool mf_RenameMetaBinary();
 
     // ---- layout (utils.cpp) ----
     bool mf_init(const Json::Value &jParm, bool bCreate = false, KOLV_VESSA_OBJECT *pObject = NULL);
@@ -100,6 +119,13 @@ class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
     Json::Value m_jPathInfo;
     Json::Value m_jFieldTable;
 };
+
+namespace kolv {
+/* ".ID.RANDOM" in the folder of the object folder strFinal: not an id, so
+ * neither listed nor found by a get. Where a create builds an object and a
+ * delete moves one out of the namespace. */
+std::string HiddenBeside(const std::string &strFinal);
+} // namespace kolv
 
 /* The MD5 of a file as 32 lowercase hex digits. */
 bool KOLVVessaObjectEvalFileMd5(const char *szPath, std::string &strMd5);
