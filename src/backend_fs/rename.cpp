@@ -106,7 +106,12 @@ bool KOLVVESSA_BACKEND_FS::mf_RenameGitField(std::string &strNewVer) {
     }
     uid_t requester = kolv::RequesterOf(m_jParm);
     std::string strUserName, strMail;
-    if (KOLV_FAIL_IF(1022, !KOLVVessaGetUserNameAndMail(requester, strUserName, strMail, true))) return false;
+    // The system itself (requester 0) need not be a user of the platform.
+    if (UID_ROOT == requester) {
+        KOLVVessaGetUserNameAndMail(requester, strUserName, strMail, false);
+    } else if (KOLV_FAIL_IF(1022, !KOLVVessaGetUserNameAndMail(requester, strUserName, strMail, true))) {
+        return false;
+    }
     FillAuthorGaps(requester, strUserName, strMail);
     kolv::KolvJson jCommitMsg;
     jCommitMsg["author_uid"] = (Json::UInt)requester;
