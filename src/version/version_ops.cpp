@@ -44,8 +44,10 @@ Json::Value ReadParm(const Json::Value &jParm) {
     jGetParm["ns"] = jParm["ns"];
     jGetParm["id"] = jParm["id"];
     jGetParm["requester"] = jParm["requester"];
-    // Only what the permission needs; the object read adds the ACL.
-    jGetParm["field"] = Json::Value(Json::objectValue);
+    // Only what the permission needs (the object read adds the ACL): the
+    // version store is left to the operation itself.
+    jGetParm["field"]["ver"] = false;
+    jGetParm["field"]["mtime"] = false;
     return jGetParm;
 }
 
