@@ -17,7 +17,6 @@ namespace {
 using kolvtest::ErrIs;
 using kolvtest::kAlice;
 using kolvtest::kBob;
-using kolvtest::OriginMsg;
 using kolvtest::ParseJson;
 
 class ConfTest : public kolvtest::SysrootTest {
@@ -39,43 +38,44 @@ class ConfTest : public kolvtest::SysrootTest {
     }
 };
 
-TEST_F(ConfTest, NoFileDisablesAccessButKeepsSharing) {
+TEST_F(ConfTest, MissingFileDisablesAccessACorruptOneFailsChecks) {
     EXPECT_FAILS(KOLVVessaAccessCheck(NULL), 1027, "FALSE == TRABCFileExist(SZF_KOLVVESSA_CONF_PATH)");
     EXPECT_FALSE(KOLVVessaSettingsAccessGet("note"));
     EXPECT_EQ(1027, KOLVVessaErrCodeGet());
     EXPECT_TRUE(KOLVVessaSharingCheck("note", kAlice));
     EXPECT_TRUE(KOLVVessaSettingsSharingGet(NULL, kAlice));
     EXPECT_EQ("keep", NoSharing("note"));
+
+    kolvtest::WriteFile(ConfPath(), "{\"Access\": {\"enable\": tru");
+    EXPECT_FAILS(KOLVVessaAccessCheck(NULL), 1026, "!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)");
+    EXPECT_FAILS(KOLVVessaSharingCheck("note", kAlice), 1026, "!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)");
+    EXPECT_TRUE(KOLVVessaSettingsSharingGet("note", kAlice)); // the lenient getter
+    EXPECT_EQ("FAILED", NoSharing("note"));
+    EXPECT_EQ(1026, KOLVVessaErrCodeGet());
 }
 
-TEST_F(ConfTest, AccessNeedsMasterAndNamespaceSwitches) {
+TEST_F(ConfTest, AccessNeedsMasterAndNamespaceSwitchesOfTheRightType) {
     m_sys.WriteSettings(ParseJson(R"({"Access":{"enable":true}})"));
     EXPECT_TRUE(KOLVVessaAccessCheck(NULL));
     EXPECT_FAILS(KOLVVessaAccessCheck("note"), 1012, "!jConf[\"Access\"].isMember(szNSKey)");
     EXPECT_EQ("!jConf[\"Access\"].isMember(szNSKey)\nFALSE == KOLVVessaSettingsAccessGetEx(jConf, szNameSpace)",
               kolvtest::StackText());
-
     // Get asks the namespace switch alone; Check wants the master switch too.
     m_sys.WriteSettings(ParseJson(R"({"Access":{"enable":false,"enable_ns_note":true}})"));
     EXPECT_TRUE(KOLVVessaSettingsAccessGet("note"));
     EXPECT_FAILS(KOLVVessaAccessCheck("note"), 1027, "!jConf[\"Access\"][\"enable\"].asBool()");
-
     m_sys.WriteSettings(ParseJson(R"({"Access":{"enable":true,"enable_ns_note":true,"enable_ns_todo":false}})"));
     EXPECT_TRUE(KOLVVessaAccessCheck("note"));
     EXPECT_FAILS(KOLVVessaAccessCheck("todo"), 1012, "!jConf[\"Access\"][szNSKey].asBool()");
-}
 
-TEST_F(ConfTest, WrongTypesAreCorruptionNotDisabled) {
+    // Wrong types are corruption, not "disabled"; no "Access" at all is disabled.
     m_sys.WriteSettings(ParseJson(R"({"Access":{"enable":"yes"}})"));
     EXPECT_FAILS(KOLVVessaAccessCheck(NULL), 1026, "!jConf[\"Access\"][\"enable\"].isBool()");
     m_sys.WriteSettings(ParseJson(R"({"Access":[]})"));
     EXPECT_FAILS(KOLVVessaSettingsAccessGet(NULL), 1026, "!jConf[\"Access\"].isObject()");
-
-    // No "Access" at all counts as disabled, not corrupt.
     EXPECT_FAILS(KOLVVessaSettingsAccessGetEx(Json::Value(Json::objectValue), NULL), 1027,
                  "!jConf.isMember(\"Access\")");
     EXPECT_FAILS(KOLVVessaSettingsAccessGetEx(Json::Value("x"), NULL), 1026, "!jConf.isObject()");
-
     Json::Value jSharing = ParseJson(R"({"Sharing":{"1101":{"disable":"yes"}}})");
     EXPECT_FAILS(KOLVVessaSettingsSharingGetEx(jSharing, NULL, kAlice), 1026,
                  "!jConf[\"Sharing\"][szUid][\"disable\"].isBool()");
@@ -85,27 +85,30 @@ TEST_F(ConfTest, WrongTypesAreCorruptionNotDisabled) {
     EXPECT_FAILS(KOLVVessaSettingsSharingGetEx(jSharing, "note", UID_ERR), 1015, "UID_ERR == owner");
 }
 
-TEST_F(ConfTest, CorruptFileFailsChecksButNotLenientGetter) {
-    kolvtest::WriteFile(ConfPath(), "{\"Access\": {\"enable\": tru");
-    EXPECT_FAILS(KOLVVessaAccessCheck(NULL), 1026, "!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)");
-    EXPECT_FAILS(KOLVVessaSharingCheck("note", kAlice), 1026, "!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)");
-    EXPECT_TRUE(KOLVVessaSettingsSharingGet("note", kAlice));
-    EXPECT_EQ("FAILED", NoSharing("note"));
-    EXPECT_EQ(1026, KOLVVessaErrCodeGet());
-}
-
-TEST_F(ConfTest, OwnerWithdrawsGloballyOrPerNamespace) {
-    m_sys.WriteSettings(ParseJson(R"({"Sharing":{"1101":{"disable":true},"1102":{"disable_ns_note":true}}})"));
+TEST_F(ConfTest, OwnersWithdrawSharingGloballyOrPerNamespace) {
+    m_sys.WriteSettings(ParseJson(R"({"Sharing":{"1101":{"disable":true},"1102":{"disable_ns_note":true},
+        "1103":{"disable_ns_todo":true},"1104":{"disable":false},"1105":{"disable":"yes"},"1106":7}})"));
     EXPECT_FAILS(KOLVVessaSharingCheck("note", kAlice), 1020, "jConf[\"Sharing\"][szUid][\"disable\"].asBool()");
     EXPECT_EQ("FALSE == KOLVVessaSettingsSharingGetEx(jConf, NULL, owner)", KOLVVessaErrMsgGet()[1]["msg"].asString());
     // The namespace form ignores the owner's global "disable".
     EXPECT_TRUE(KOLVVessaSettingsSharingGet("note", kAlice));
     EXPECT_FALSE(KOLVVessaSettingsSharingGet(NULL, kAlice));
-
     EXPECT_FAILS(KOLVVessaSharingCheck("note", kBob), 1020, "jConf[\"Sharing\"][szUid][szNSKey].asBool()");
     EXPECT_TRUE(KOLVVessaSharingCheck("todo", kBob));
     EXPECT_TRUE(KOLVVessaSharingCheck(NULL, kBob));
     EXPECT_TRUE(KOLVVessaSharingCheck("note", kolvtest::kCarol));
+
+    // The no-sharing list: owners of the namespace, malformed entries skipped.
+    EXPECT_EQ("keep 1101 1102", NoSharing("note"));
+    EXPECT_EQ("keep 1101 1103", NoSharing("todo"));
+    EXPECT_EQ("FAILED", NoSharing(NULL));
+    EXPECT_TRUE(ErrIs(1015, "NULL == szNameSpace"));
+    TRABCSzList *pNone = NULL;
+    EXPECT_EQ(-1, KOLVVessaSettingsNoSharingUserList("note", &pNone));
+    EXPECT_TRUE(ErrIs(1015, "NULL == ppList || NULL == *ppList"));
+    m_sys.WriteSettings(ParseJson(R"({"Sharing":"none"})"));
+    EXPECT_EQ("FAILED", NoSharing("note"));
+    EXPECT_TRUE(ErrIs(1026, "!jConf[\"Sharing\"].isObject()"));
 }
 
 TEST_F(ConfTest, SettersStoreTheRuleAndKeepOtherKeys) {
@@ -123,32 +126,12 @@ TEST_F(ConfTest, SettersStoreTheRuleAndKeepOtherKeys) {
                             "Sharing":{"1101":{"disable":true,"disable_ns_note":false},
                                        "1102":{"disable_ns_note":true}},"Other":{"x":1}})"),
               ReadConf());
-    struct stat st;
-    EXPECT_NE(0, stat((ConfPath() + ".tmp").c_str(), &st));
-    EXPECT_TRUE(KOLVVessaAccessCheck(NULL));
 
     // A directory where the file belongs cannot be replaced by a file.
     ASSERT_EQ(0, unlink(ConfPath().c_str()));
     ASSERT_EQ(0, mkdir(ConfPath().c_str(), 0755));
     EXPECT_EQ(-1, KOLVVessaSettingsAccessSet(NULL, 1));
     EXPECT_TRUE(ErrIs(1029, "!jConf.toFile(SZF_KOLVVESSA_CONF_PATH)"));
-}
-
-TEST_F(ConfTest, NoSharingListCollectsOwnersOfTheNamespace) {
-    m_sys.WriteSettings(ParseJson(R"({"Sharing":{"1101":{"disable":true},"1102":{"disable_ns_note":true},
-        "1103":{"disable_ns_todo":true},"1104":{"disable":false},"1105":{"disable":"yes"},"1106":7}})"));
-    EXPECT_EQ("keep 1101 1102", NoSharing("note"));
-    EXPECT_EQ("keep 1101 1103", NoSharing("todo"));
-
-    EXPECT_EQ("FAILED", NoSharing(NULL));
-    EXPECT_TRUE(ErrIs(1015, "NULL == szNameSpace"));
-    TRABCSzList *pNone = NULL;
-    EXPECT_EQ(-1, KOLVVessaSettingsNoSharingUserList("note", &pNone));
-    EXPECT_TRUE(ErrIs(1015, "NULL == ppList || NULL == *ppList"));
-
-    m_sys.WriteSettings(ParseJson(R"({"Sharing":"none"})"));
-    EXPECT_EQ("FAILED", NoSharing("note"));
-    EXPECT_TRUE(ErrIs(1026, "!jConf[\"Sharing\"].isObject()"));
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 
 #include <string>
+#include <vector>
 
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_ns_hook.h"
@@ -24,24 +25,24 @@ int Sentinel(const Json::Value &, const KOLV_VESSA_OBJECT *) {
 class NsHookTest : public kolvtest::SysrootTest {
   protected:
     void TearDown() override {
-        if (m_dlHandle) dlclose(m_dlHandle);
+        for (void *p : m_handles)
+            dlclose(p);
     }
-
     void WriteDescriptor(const std::string &strNs, const std::string &strContent) const {
         kolvtest::WriteFile(m_sys.Path("/usr/local/libexec/kolvvessa/" + strNs + ".lib"), strContent);
     }
-    void UseLibrary(const std::string &strNs, const std::string &strLib) const {
+    /* The handle of namespace strNs once its descriptor names strLib. */
+    void *Open(const std::string &strNs, const std::string &strLib) {
         WriteDescriptor(strNs, "{\"lib\":\"" + strLib + "\"}");
-    }
-    void *Open(const std::string &strNs) {
-        m_dlHandle = KOLVVessaNsHookHandler(strNs);
-        return m_dlHandle;
+        void *p = KOLVVessaNsHookHandler(strNs);
+        if (p) m_handles.push_back(p);
+        return p;
     }
 
-    void *m_dlHandle = nullptr;
+    std::vector<void *> m_handles;
 };
 
-TEST_F(NsHookTest, NamespaceWithoutLibraryHasNoHooks) {
+TEST_F(NsHookTest, MissingLibraryTableOrOperationFailsCleanly) {
     EXPECT_EQ(nullptr, KOLVVessaNsHookHandler("note")); // no descriptor
     for (const char *sz : {R"({"lib":""})", R"({"other":"x"})", R"({"lib":)", R"({"lib":"/no/such/library.so"})"}) {
         WriteDescriptor("note", sz);
@@ -52,51 +53,46 @@ TEST_F(NsHookTest, NamespaceWithoutLibraryHasNoHooks) {
     kolvtest::WriteFile(m_sys.Path("/usr/local/libexec/escape.lib"), R"({"lib":")" KOLV_NOTE_HOOK_LIB R"("})");
     EXPECT_EQ(nullptr, KOLVVessaNsHookHandler("../escape"));
     EXPECT_EQ(nullptr, KOLVVessaNsHookHandler(""));
-
     KOLVVESSA_NS_HOOK pPre = nullptr, pPost = nullptr;
     EXPECT_FAILS(KOLVVessaNsHookGet(nullptr, "create", &pPre, &pPost), 1015, "NULL == dlHandle");
     EXPECT_FAILS(KOLVVessaNsBatchHookGet(nullptr, "set", &pPre, &pPost), 1015, "NULL == dlHandle");
-}
 
-TEST_F(NsHookTest, LibraryWithoutTablesFailsWithTheLoaderText) {
-    UseLibrary("note", KOLV_NO_TABLE_HOOK_LIB);
-    ASSERT_NE(nullptr, Open("note"));
-    KOLVVESSA_NS_HOOK pPre = nullptr, pPost = nullptr;
-    EXPECT_FALSE(KOLVVessaNsHookGet(m_dlHandle, "create", &pPre, &pPost));
+    // A library without tables: the loader's text.
+    void *pNoTable = Open("todo", KOLV_NO_TABLE_HOOK_LIB);
+    ASSERT_NE(nullptr, pNoTable);
+    EXPECT_FALSE(KOLVVessaNsHookGet(pNoTable, "create", &pPre, &pPost));
     EXPECT_EQ(1013, KOLVVessaErrCodeGet());
     EXPECT_EQ(0u, OriginMsg().find("cannot load symbol: ")) << OriginMsg();
     EXPECT_NE(std::string::npos, OriginMsg().find("GetTable")) << OriginMsg();
-    EXPECT_FALSE(KOLVVessaNsBatchHookGet(m_dlHandle, "set", &pPre, &pPost));
+    EXPECT_FALSE(KOLVVessaNsBatchHookGet(pNoTable, "set", &pPre, &pPost));
     EXPECT_EQ(1013, KOLVVessaErrCodeGet());
     EXPECT_EQ(0u, OriginMsg().find("cannot load batch table: ")) << OriginMsg();
     EXPECT_NE(std::string::npos, OriginMsg().find("GetBatchTable")) << OriginMsg();
-}
 
-TEST_F(NsHookTest, MissingOperationLeavesOutputsAndErrorsAlone) {
-    UseLibrary("note", KOLV_CREATE_ONLY_HOOK_LIB);
-    ASSERT_NE(nullptr, Open("note"));
-    KOLVVESSA_NS_HOOK pPre = Sentinel, pPost = Sentinel;
+    // An operation the table lacks leaves the outputs and the stack alone.
+    void *pCreateOnly = Open("note", KOLV_CREATE_ONLY_HOOK_LIB);
+    ASSERT_NE(nullptr, pCreateOnly);
+    pPre = pPost = Sentinel;
     KOLVVessaErrSetEx(1031, "earlier", 1, "earlier failure");
-    EXPECT_FAILS(KOLVVessaNsHookGet(m_dlHandle, "set", &pPre, &pPost), 1031, "earlier failure");
+    EXPECT_FAILS(KOLVVessaNsHookGet(pCreateOnly, "set", &pPre, &pPost), 1031, "earlier failure");
     EXPECT_EQ(&Sentinel, pPre);
     EXPECT_EQ(&Sentinel, pPost);
-    ASSERT_TRUE(KOLVVessaNsHookGet(m_dlHandle, "create", &pPre, &pPost));
+    ASSERT_TRUE(KOLVVessaNsHookGet(pCreateOnly, "create", &pPre, &pPost));
     EXPECT_NE(&Sentinel, pPre);
     EXPECT_NE(nullptr, pPre);
     EXPECT_NE(nullptr, pPost);
-    // The variant has no batch table.
-    EXPECT_FALSE(KOLVVessaNsBatchHookGet(m_dlHandle, "set", &pPre, &pPost));
+    EXPECT_FALSE(KOLVVessaNsBatchHookGet(pCreateOnly, "set", &pPre, &pPost)); // no batch table
     EXPECT_EQ(1013, KOLVVessaErrCodeGet());
 }
 
 TEST_F(NsHookTest, HooksOfTheLibraryRunWithTheObject) {
     std::string strLog = m_sys.Path("/tmp/hook.log");
     setenv("KOLV_HOOK_LOG", strLog.c_str(), 1);
-    UseLibrary("note", KOLV_NOTE_HOOK_LIB);
-    ASSERT_NE(nullptr, Open("note"));
+    void *pHandle = Open("note", KOLV_NOTE_HOOK_LIB);
+    ASSERT_NE(nullptr, pHandle);
 
     KOLVVESSA_NS_HOOK pPre = nullptr, pPost = nullptr;
-    ASSERT_TRUE(KOLVVessaNsHookGet(m_dlHandle, "field_rename", &pPre, &pPost));
+    ASSERT_TRUE(KOLVVessaNsHookGet(pHandle, "field_rename", &pPre, &pPost));
     ASSERT_NE(nullptr, pPre);
     ASSERT_NE(nullptr, pPost);
     KOLV_VESSA_OBJECT object;
@@ -106,8 +102,8 @@ TEST_F(NsHookTest, HooksOfTheLibraryRunWithTheObject) {
     pPost(jParm, nullptr);
 
     KOLVVESSA_NS_HOOK pBatchPre = nullptr, pBatchPost = nullptr;
-    EXPECT_FALSE(KOLVVessaNsBatchHookGet(m_dlHandle, "create", &pBatchPre, &pBatchPost));
-    ASSERT_TRUE(KOLVVessaNsBatchHookGet(m_dlHandle, "delete", &pBatchPre, &pBatchPost));
+    EXPECT_FALSE(KOLVVessaNsBatchHookGet(pHandle, "create", &pBatchPre, &pBatchPost));
+    ASSERT_TRUE(KOLVVessaNsBatchHookGet(pHandle, "delete", &pBatchPre, &pBatchPost));
     pBatchPost(jParm, &object);
     unsetenv("KOLV_HOOK_LOG");
 
