@@ -33,8 +33,6 @@ bool KOLVVESSA_BACKEND_PGSQL::Delete(const Json::Value &jParm) {
         if (KOLV_APPEND_IF(!init())) return false;
         if (KOLV_FAIL_IF(1007, !jParm["ns"].isString())) return false;
         if (KOLV_FAIL_IF(1007, !IdsAreWhole(jParm["id"]))) return false;
-        // "IN ()" is no statement; no ids means no rows to remove.
-        if (jParm["id"].isArray() && jParm["id"].empty()) return true;
         kolv::CString szSQLDelete(KOLVDBEscapeStringEX3(
             1, m_conn, "DELETE FROM object where ns = '@KOLV:VAR' AND id IN ", jParm["ns"].asCString()));
         if (KOLV_FAIL_IF(1000, (NULL == szSQLDelete))) return false;

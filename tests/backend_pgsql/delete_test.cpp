@@ -41,7 +41,6 @@ TEST_F(IndexDeleteTest, RemovesTheNamedIdsOfTheNamespaceOnly) {
     EXPECT_EQ("note/b,note/c,note/x'y,todo/d", Rows());
     Json::Value jIds = kolvtest::ParseJson(R"(["b","no-such-row"])");
     ASSERT_TRUE(Delete(Parm("note", jIds))) << kolvtest::StackText();
-    ASSERT_TRUE(Delete(Parm("note", Json::Value(Json::arrayValue)))) << kolvtest::StackText();
     EXPECT_EQ("note/c,note/x'y,todo/d", Rows());
 
     // Quotes in an id or the namespace are data, never SQL.
