@@ -1,7 +1,7 @@
 /*
  * kolvvessa - the object store from the command line.
  *
- *     kolvvessa VERB [JSON]      (JSON from the argument, or standard input)
+ *     kolvvessa VERB [--SWITCH] [JSON]   (JSON from the argument, or standard input)
  *
  * Prints the result as JSON on standard output; on failure prints the
  * error stack on standard error and exits with status 1 (2 for a usage
@@ -21,7 +21,7 @@
 namespace {
 
 void PrintUsage(FILE *pOut) {
-    fprintf(pOut, "usage: kolvvessa VERB [JSON]\n"
+    fprintf(pOut, "usage: kolvvessa VERB [--SWITCH] [JSON]\n"
                   "       kolvvessa VERB --help\n\n"
                   "The request is a JSON object, given as the argument or on standard input.\n"
                   "\"requester\" is the acting uid (0: the system). Verbs:\n\n");
@@ -32,14 +32,29 @@ void PrintUsage(FILE *pOut) {
 }
 
 void PrintVerbHelp(const kolvtool::Verb &verb) {
-    printf("kolvvessa %s - %s\n\n%s\n\nExample:\n  kolvvessa %s '%s'\n", verb.szName, verb.szSummary, verb.szHelp,
-           verb.szName, verb.szExample);
+    std::string strSwitch = verb.szSwitch ? std::string(" --") + verb.szSwitch : std::string();
+    printf("kolvvessa %s - %s\n\n%s\n\nExample:\n  kolvvessa %s%s '%s'\n", verb.szName, verb.szSummary, verb.szHelp,
+           verb.szName, strSwitch.c_str(), verb.szExample);
 }
 
-bool ReadRequest(int argc, char **argv, Json::Value &jReq) {
+// The verb's switch, when given, comes before the request: "--NAME" sets
+// "NAME": true. Anything else starting with "--" is a usage error.
+bool ReadSwitch(const kolvtool::Verb &verb, int &argi, int argc, char **argv, bool &blSwitch) {
+    blSwitch = false;
+    if (argi >= argc || strncmp(argv[argi], "--", 2) != 0) return true;
+    if (!verb.szSwitch || strcmp(argv[argi] + 2, verb.szSwitch) != 0) {
+        fprintf(stderr, "kolvvessa: %s takes no switch \"%s\"\n", verb.szName, argv[argi]);
+        return false;
+    }
+    blSwitch = true;
+    ++argi;
+    return true;
+}
+
+bool ReadRequest(int argi, int argc, char **argv, Json::Value &jReq) {
     std::string strText;
-    if (argc > 2 && strcmp(argv[2], "-") != 0) {
-        strText = argv[2];
+    if (argi < argc && strcmp(argv[argi], "-") != 0) {
+        strText = argv[argi];
     } else {
         strText.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
     }
@@ -96,8 +111,12 @@ int main(int argc, char **argv) {
         PrintVerbHelp(*pVerb);
         return 0;
     }
+    int argi = 2;
+    bool blSwitch = false;
+    if (!ReadSwitch(*pVerb, argi, argc, argv, blSwitch)) return 2;
     Json::Value jReq;
-    if (!ReadRequest(argc, argv, jReq)) return 2;
+    if (!ReadRequest(argi, argc, argv, jReq)) return 2;
+    if (blSwitch) jReq[pVerb->szSwitch] = true;
     try {
         return RunVerb(*pVerb, jReq);
     } catch (const std::exception &e) {

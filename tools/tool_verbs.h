@@ -20,11 +20,24 @@ struct Verb {
     const char *szHelp;
     const char *szExample;
     VerbFn pfnRun;
+    /* A switch "--NAME" the verb takes on the command line, which sets
+     * "NAME": true in the request; NULL for none. */
+    const char *szSwitch;
 };
 
 const std::vector<Verb> &Verbs();
 /* The verb of that name, NULL when none. */
 const Verb *FindVerb(const char *szName);
+
+/* Every field of an object, the ACL as far as the requester may see it. */
+Json::Value ObjectJson(const KOLV_VESSA_OBJECT &object);
+
+/* The verbs of tool_history.cpp. */
+bool RunVersions(const Json::Value &jReq, Json::Value &jOut);
+bool RunVersion(const Json::Value &jReq, Json::Value &jOut);
+bool RunDiff(const Json::Value &jReq, Json::Value &jOut);
+bool RunRename(const Json::Value &jReq, Json::Value &jOut);
+bool RunDelete(const Json::Value &jReq, Json::Value &jOut);
 
 } // namespace kolvtool
 

@@ -68,8 +68,9 @@ bool KOLV_VESSA_OBJECT::Get(const Json::Value &jsParm) {
                                                          m_impl->acl, m_impl->perm))) {
             return false;
         }
-        // A reader with "ro", or a caller who did not ask, never gets the ACL.
-        if (!blWantAcl || ("owner" != m_impl->perm && "rw" != m_impl->perm)) {
+        // A reader with "ro", or a caller who did not ask, never gets the
+        // ACL; an object stored without one has an empty one.
+        if (!blWantAcl || ("owner" != m_impl->perm && "rw" != m_impl->perm) || !m_impl->acl.isObject()) {
             m_impl->acl = Json::Value(Json::objectValue);
         }
         return true;

@@ -22,12 +22,16 @@ class ToolTest : public kolvtest::SysrootTest {
 TEST_F(ToolTest, HelpNamesEveryVerbWithAnExample) {
     std::string strOut;
     EXPECT_EQ(0, RunCommand(std::string(KOLV_TOOL) + " --help", &strOut));
-    for (const char *szVerb : {"create", "copy", "get", "set", "list", "reindex", "access-set", "sharing-set"}) {
+    for (const char *szVerb : {"create", "copy", "get", "set", "list", "reindex", "access-set", "sharing-set",
+                               "versions", "version", "diff", "rename", "delete"}) {
         EXPECT_NE(std::string::npos, strOut.find(szVerb)) << szVerb;
     }
     EXPECT_EQ(0, RunCommand(std::string(KOLV_TOOL) + " set --help", &strOut));
     EXPECT_NE(std::string::npos, strOut.find("Example:"));
     EXPECT_EQ(2, RunCommand(std::string(KOLV_TOOL) + " frobnicate '{}' 2>/dev/null", &strOut));
+    EXPECT_EQ(0, RunCommand(std::string(KOLV_TOOL) + " delete --help", &strOut));
+    EXPECT_NE(std::string::npos, strOut.find("kolvvessa delete --recursive '{"));
+    EXPECT_EQ(2, RunCommand(std::string(KOLV_TOOL) + " get --recursive '{}' 2>/dev/null", &strOut));
 }
 
 // Whatever the request, the tool answers with a status and a reason on
@@ -128,6 +132,52 @@ TEST_F(ToolTest, ListAndReindexAgainstTheIndex) {
     EXPECT_EQ(2, jList["objects"][0]["text"]["n"].asInt()); // newest first
     ASSERT_EQ(0, Tool("reindex", R"({"ns":"note"})", &strOut));
     EXPECT_EQ("3", kolvtest::Psql("SELECT count(*) FROM object WHERE ns = 'note'"));
+}
+
+// A note's history through the tool: versions, one older version, a diff,
+// a rename, then the notebook deleted with everything below it.
+TEST_F(ToolTest, HistoryRenameAndRecursiveDelete) {
+    if (!kolvtest::HavePostgres()) GTEST_SKIP() << "no PostgreSQL server (PGHOST unset)";
+    kolvtest::DropIndexDatabase();
+    m_sys.EnableNamespace("note");
+    std::string strOut;
+    ASSERT_EQ(0, Tool("create", R"({"ns":"note","category":"book","requester":1101})", &strOut));
+    std::string strBook = ParseJson(strOut)["id"].asString();
+    ASSERT_EQ(0, Tool("create",
+                      R"({"ns":"note","category":"memo","requester":1101,"parent_id":")" + strBook +
+                          R"(","text":{"title":"a","body":"b"}})",
+                      &strOut));
+    Json::Value jNote = ParseJson(strOut);
+    const std::string strHead = R"({"ns":"note","id":")" + jNote["id"].asString() + R"(","requester":1101)";
+    const std::string strV1 = jNote["version"].asString();
+    ASSERT_EQ(0, Tool("set", strHead + R"(,"version":")" + strV1 + R"(","text":{"body":"c"}})", &strOut));
+    const std::string strV2 = ParseJson(strOut)["version"].asString();
+
+    ASSERT_EQ(0, Tool("versions", strHead + R"(,"limit":1})", &strOut));
+    Json::Value jVersions = ParseJson(strOut);
+    EXPECT_EQ(1, jVersions["count"].asInt());
+    EXPECT_EQ(2, jVersions["total"].asInt());
+    EXPECT_EQ(strV2, jVersions["versions"][0]["version"].asString());
+    EXPECT_EQ("alice", jVersions["versions"][0]["author"].asString());
+
+    ASSERT_EQ(0, Tool("version", strHead + R"(,"version":")" + strV1 + R"("})", &strOut));
+    EXPECT_EQ("b", ParseJson(strOut)["object"]["text"]["body"].asString());
+    EXPECT_EQ(strV1, ParseJson(strOut)["record"]["version"].asString());
+
+    ASSERT_EQ(0, Tool("diff", strHead + R"(,"old_version":")" + strV1 + R"("})", &strOut));
+    EXPECT_EQ(ParseJson(R"({"text":{"body":"modified"}})"), ParseJson(strOut));
+
+    ASSERT_EQ(
+        0, Tool("rename",
+                strHead + R"(,"segment":"text","old_field":"body","new_field":"recipe","version":")" + strV2 + R"("})",
+                &strOut));
+    EXPECT_EQ("c", ParseJson(strOut)["text"]["recipe"].asString());
+    EXPECT_FALSE(ParseJson(strOut)["text"].isMember("body"));
+
+    ASSERT_EQ(0, Tool("delete --recursive", R"({"ns":"note","id":")" + strBook + R"(","requester":1101})", &strOut));
+    EXPECT_TRUE(ParseJson(strOut)["recursive"].asBool());
+    EXPECT_EQ("0", kolvtest::Psql("SELECT count(*) FROM object WHERE ns = 'note'"));
+    EXPECT_EQ(1, Tool("get", strHead + "}", &strOut));
 }
 
 } // namespace
