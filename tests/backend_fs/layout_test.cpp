@@ -38,28 +38,24 @@ class LayoutTest : public kolvtest::SysrootTest {
     std::unique_ptr<KOLVVESSA_BACKEND_FS> m_fs{new KOLVVESSA_BACKEND_FS()};
 };
 
-TEST_F(LayoutTest, PathInfoOwnerFromTheIdAndInitChecks) {
+TEST_F(LayoutTest, PathInfoOwnerFromTheIdFreshIdsAndInitChecks) {
     Json::Value jParm = Parm(kNs, kId);
     jParm["owner"] = 4242; // ignored: the id names the owner
     KOLV_VESSA_OBJECT object;
     ASSERT_TRUE(m_fs->mf_init(jParm, false, &object)) << kolvtest::StackText();
     EXPECT_EQ(kolvtest::kAlice, m_fs->m_jParm["owner"].asUInt());
-
     std::string strBase = m_sys.Repo() + "/note/" + kId;
-    const Json::Value &jInfo = m_fs->m_jPathInfo;
-    EXPECT_EQ(11u, jInfo.size());
-    EXPECT_EQ(strBase, jInfo["id_path"].asString());
+    Json::Value jWant;
+    jWant["id_path"] = strBase;
+    jWant["tmp"] = m_sys.Repo() + "/@tmp/" + kId + "." + std::to_string(getpid());
     for (const char *szKey : {"basic.json", "metatext.json", "metabinary", "metabinary_info", "version", "version/text",
-                              "version/binary", "version/binary_info", "git_info.json"}) {
-        EXPECT_EQ(strBase + "/" + szKey, jInfo[szKey].asString()) << szKey;
-    }
-    EXPECT_EQ(m_sys.Repo() + "/@tmp/" + kId + "." + std::to_string(getpid()), jInfo["tmp"].asString());
-
+                              "version/binary", "version/binary_info", "git_info.json"})
+        jWant[szKey] = strBase + "/" + szKey;
+    EXPECT_EQ(jWant, m_fs->m_jPathInfo);
     // The record learns where it lives; nothing is made on disk.
     EXPECT_EQ(kolvtest::kAlice, object.get_owner());
-    EXPECT_EQ(jInfo, object.get_path_info());
+    EXPECT_EQ(jWant, object.get_path_info());
     EXPECT_FALSE(IsDir(m_sys.Repo()));
-
     // A version checked out elsewhere moves only the three version folders.
     ASSERT_TRUE(m_fs->mf_GetPathInfoByGitBase("/scratch", m_fs->m_jPathInfo));
     EXPECT_EQ("/scratch/binary_info", m_fs->m_jPathInfo["version/binary_info"].asString());
@@ -69,35 +65,28 @@ TEST_F(LayoutTest, PathInfoOwnerFromTheIdAndInitChecks) {
     jNoId["ns"] = kNs;
     EXPECT_FAILS(m_fs->mf_init(jNoId), 1015, "!m_jParm.isMember(\"id\")");
     EXPECT_FAILS(m_fs->mf_init(jNoId, true), 1015, "!m_jParm.isMember(\"owner\")");
-
     // A requester makes the owner's existence matter; the system does not.
     jParm = Parm(kNs, "4242_00AA");
     ASSERT_TRUE(m_fs->mf_init(jParm)) << kolvtest::StackText();
     jParm["requester"] = kolvtest::kAlice;
     EXPECT_FAILS(m_fs->mf_init(jParm), 1022, "!KOLVVessaCheckUID((uid_t)jParm[\"owner\"].asInt64())");
-}
 
-TEST_F(LayoutTest, CreateMakesAFreshIdAndTheOwnersDirectories) {
-    Json::Value jParm;
-    jParm["ns"] = kNs;
+    // A create makes a fresh id, or keeps the one given unchecked, and the
+    // owner's folders.
+    jParm = jNoId;
     jParm["owner"] = kolvtest::kAlice;
     ASSERT_TRUE(m_fs->mf_init(jParm, true)) << kolvtest::StackText();
     std::string strId = m_fs->m_jParm["id"].asString();
     EXPECT_TRUE(std::regex_match(strId, std::regex("1101_[0-9A-F]{96}"))) << strId;
     EXPECT_FALSE(IsDir(m_fs->m_jPathInfo["id_path"].asString()));
-
     ASSERT_TRUE(m_fs->mf_CreatePath()) << kolvtest::StackText();
     for (const char *szKey : {"id_path", "version", "version/text", "version/binary", "version/binary_info",
                               "metabinary", "metabinary_info"}) {
         EXPECT_TRUE(IsDir(m_fs->m_jPathInfo[szKey].asString())) << szKey; // owners: hostile_test.cpp
     }
-
-    // The next generated id is another one; a given id is kept unchecked.
+    jParm["id"] = kId;
     ASSERT_TRUE(m_fs->mf_init(jParm, true));
-    EXPECT_NE(strId, m_fs->m_jParm["id"].asString());
-    jParm["id"] = strId;
-    ASSERT_TRUE(m_fs->mf_init(jParm, true));
-    EXPECT_EQ(strId, m_fs->m_jParm["id"].asString());
+    EXPECT_EQ(kId, m_fs->m_jParm["id"].asString());
 }
 
 TEST_F(LayoutTest, NamesThatLeaveTheRepositoryAreRefusedOthersFound) {
@@ -146,48 +135,33 @@ TEST_F(LayoutTest, NamesThatLeaveTheRepositoryAreRefusedOthersFound) {
 }
 
 TEST_F(LayoutTest, FieldSelectionPicksStorageUnits) {
-    Json::Value jParm = Parm(kNs, kId);
-    ASSERT_TRUE(m_fs->mf_init(jParm));
-    for (const char *szUnit : {"basic.json", "metatext.json", "metabinary_info", "version", "git_info.json"})
-        EXPECT_TRUE(m_fs->mf_NeedToGet(szUnit)) << szUnit; // no selection: everything
+    // The units a read with selection szField needs, a write with members szSet saves.
+    auto units = [&](const char *szField, bool blSave) {
+        Json::Value jParm = kolvtest::ParseJson(blSave ? szField : std::string("{\"field\":") + szField + "}");
+        jParm["ns"] = kNs;
+        jParm["id"] = kId;
+        EXPECT_TRUE(m_fs->mf_init(jParm)) << kolvtest::StackText();
+        std::string str;
+        for (const char *szUnit : {"basic.json", "metatext.json", "metabinary", "metabinary_info", "version"})
+            if (blSave ? m_fs->mf_NeedToSave(szUnit) : m_fs->mf_NeedToGet(szUnit)) str += std::string(szUnit) + " ";
+        return str;
+    };
+    // No selection: everything; units not mentioned fall back to the table.
+    EXPECT_EQ("basic.json metatext.json metabinary metabinary_info version ", units("null", false));
+    EXPECT_TRUE(m_fs->mf_NeedToGet("git_info.json"));
     EXPECT_FALSE(m_fs->mf_NeedToGet(""));
     EXPECT_FALSE(m_fs->mf_NeedToGet(NULL));
-
-    // Units the selection does not mention fall back to the table.
-    jParm["field"]["acl"] = true;
-    ASSERT_TRUE(m_fs->mf_init(jParm));
-    EXPECT_TRUE(m_fs->mf_NeedToGet("version"));
-    EXPECT_TRUE(m_fs->mf_NeedToGet("basic.json"));
-    EXPECT_FALSE(m_fs->mf_NeedToGet("metatext.json"));
-    EXPECT_FALSE(m_fs->mf_NeedToGet("metabinary_info"));
-
-    // A nested selection counts when any boolean inside it is true.
-    jParm["field"]["ver"] = false;
-    jParm["field"]["mtime"] = false;
-    jParm["field"]["text"]["a"] = false;
-    jParm["field"]["text"]["b"]["c"] = false;
-    ASSERT_TRUE(m_fs->mf_init(jParm));
-    EXPECT_FALSE(m_fs->mf_NeedToGet("version"));
-    jParm["field"]["text"]["b"]["c"] = true;
-    ASSERT_TRUE(m_fs->mf_init(jParm));
-    EXPECT_TRUE(m_fs->mf_NeedToGet("version"));
-
-    jParm["field"]["metatext"] = 1; // neither boolean nor object: skipped
-    jParm["field"]["metabinary_info"]["x"] = true;
-    ASSERT_TRUE(m_fs->mf_init(jParm));
-    EXPECT_FALSE(m_fs->mf_NeedToGet("metatext.json"));
-    EXPECT_TRUE(m_fs->mf_NeedToGet("metabinary_info"));
-
+    EXPECT_EQ("basic.json version ", units(R"({"acl":true})", false));
+    // A nested selection counts when any boolean inside it is true; what is
+    // neither boolean nor object is skipped.
+    EXPECT_EQ("basic.json ",
+              units(R"({"acl":true,"ver":false,"mtime":false,"text":{"a":false,"b":{"c":false}}})", false));
+    EXPECT_EQ("basic.json version ", units(R"({"acl":true,"ver":false,"mtime":false,"text":{"b":{"c":true}}})", false));
+    EXPECT_EQ("basic.json metabinary_info version ",
+              units(R"({"acl":true,"metatext":1,"metabinary_info":{"x":true}})", false));
     // Writes: only members that are fields count.
-    Json::Value jSet = Parm(kNs, kId);
-    jSet["metatext"]["k"] = 1;
-    jSet["binary_files"] = Json::Value(Json::arrayValue);
-    jSet["metabinary_files"] = Json::Value(Json::arrayValue);
-    ASSERT_TRUE(m_fs->mf_init(jSet));
-    EXPECT_TRUE(m_fs->mf_NeedToSave("metatext.json"));
-    EXPECT_TRUE(m_fs->mf_NeedToSave("metabinary"));
-    EXPECT_FALSE(m_fs->mf_NeedToSave("basic.json"));
-    EXPECT_FALSE(m_fs->mf_NeedToSave("version"));
+    EXPECT_EQ("metatext.json metabinary ",
+              units(R"({"metatext":{"k":1},"binary_files":[],"metabinary_files":[]})", true));
 }
 
 TEST_F(LayoutTest, ResetPathPermissionGivesTheWholeTreeToTheOwner) {
