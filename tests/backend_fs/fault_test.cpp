@@ -73,39 +73,43 @@ class FaultTest : public kolvtest::SysrootTest {
         return strOut.substr(0, 32);
     }
 
-    /* The members of a request that put variant v of a part in place. */
-    Json::Value TextPart(int v) const { return J(R"({"text":{"t":"text )" + std::to_string(v) + "\"}}"); }
-    Json::Value BinaryPart(int v) const {
-        Json::Value j;
-        j["binary_files"][0] = J(R"({"name":"b.bin","format":"raw"})");
-        j["binary_files"][0]["path"] = Src(v);
-        return j;
-    }
-    Json::Value MetaTextPart(int v) const { return J(R"({"metatext":{"m":"meta )" + std::to_string(v) + "\"}}"); }
-    Json::Value MetaBinaryPart(int v) const {
-        Json::Value j;
-        j["metabinary_files"][0] = J(R"({"name":"mb","format":"png"})");
-        j["metabinary_files"][0]["path"] = MetaSrc(v);
-        return j;
-    }
-    /* The content variant v of each given part leaves on an object. */
-    Json::Value PartContent(Json::Value jContent, const std::string &strParts, int v) const {
-        if (strParts.find('t') != std::string::npos) jContent["text"]["t"] = "text " + std::to_string(v);
-        if (strParts.find('b') != std::string::npos) jContent["bin"] = m_rgMd5[v];
-        if (strParts.find('m') != std::string::npos) jContent["metatext"]["m"] = "meta " + std::to_string(v);
-        if (strParts.find('M') != std::string::npos) jContent["mbin"] = m_rgMetaMd5[v];
-        return jContent;
-    }
+    /* The request members that put variant v of each part of strParts in
+     * place (t text, b binary file, m meta text, M meta binary file), and
+     * the content (as Content gives it) they leave on jContent. */
     Json::Value Request(const std::string &strParts, int v) const {
         Json::Value j(Json::objectValue);
-        for (const Json::Value &jPart : {strParts.find('t') != std::string::npos ? TextPart(v) : Json::Value(),
-                                         strParts.find('b') != std::string::npos ? BinaryPart(v) : Json::Value(),
-                                         strParts.find('m') != std::string::npos ? MetaTextPart(v) : Json::Value(),
-                                         strParts.find('M') != std::string::npos ? MetaBinaryPart(v) : Json::Value()}) {
-            for (const std::string &strKey : jPart.getMemberNames())
-                j[strKey] = jPart[strKey];
-        }
+        if (Has(strParts, 't')) j["text"]["t"] = "text " + std::to_string(v);
+        if (Has(strParts, 'b')) j["binary_files"][0] = Item(kName, "raw", Src(v));
+        if (Has(strParts, 'm')) j["metatext"]["m"] = "meta " + std::to_string(v);
+        if (Has(strParts, 'M')) j["metabinary_files"][0] = Item(kMetaName, "png", MetaSrc(v));
         return j;
+    }
+    Json::Value PartContent(Json::Value jContent, const std::string &strParts, int v) const {
+        Json::Value jReq = Request(strParts, v);
+        for (const char *szKey : {"text", "metatext"})
+            for (const std::string &strName : jReq[szKey].getMemberNames())
+                jContent[szKey][strName] = jReq[szKey][strName];
+        if (Has(strParts, 'b')) jContent["bin"] = m_rgMd5[v];
+        if (Has(strParts, 'M')) jContent["mbin"] = m_rgMetaMd5[v];
+        return jContent;
+    }
+    static bool Has(const std::string &strParts, char c) { return std::string::npos != strParts.find(c); }
+    static Json::Value Item(const char *szName, const char *szFormat, const std::string &strPath) {
+        Json::Value j;
+        j["name"] = szName;
+        j["format"] = szFormat;
+        j["path"] = strPath;
+        return j;
+    }
+    /* A create of alice's with id strID and variant v of strParts. */
+    bool CreateWith(const std::string &strID, const std::string &strParts, int v) const {
+        Json::Value jParm = Request(strParts, v);
+        jParm["ns"] = "note";
+        jParm["category"] = "memo";
+        jParm["requester"] = kolvtest::kAlice;
+        jParm["id"] = strID;
+        KOLV_VESSA_OBJECT obj;
+        return obj.Create(jParm);
     }
 
     /* The object as alice reads it; null when it cannot be read. */
@@ -203,15 +207,7 @@ TEST_F(FaultTest, EveryFailedCallLeavesTheObjectWholeAndNoTrace) {
             snprintf(szHex, sizeof(szHex), "%096lX", n);
             strID = std::to_string(kolvtest::kAlice) + "_" + szHex;
         },
-        [&](long) {
-            Json::Value jParm = Request("tbmM", 0);
-            jParm["ns"] = "note";
-            jParm["category"] = "memo";
-            jParm["requester"] = kolvtest::kAlice;
-            jParm["id"] = strID;
-            KOLV_VESSA_OBJECT obj;
-            return obj.Create(jParm);
-        },
+        [&](long) { return CreateWith(strID, "tbmM", 0); },
         [&](bool blOk, long) {
             Json::Value jNow = Read(strID);
             Json::Value jRow = Row(strID);
@@ -223,14 +219,7 @@ TEST_F(FaultTest, EveryFailedCallLeavesTheObjectWholeAndNoTrace) {
             }
             EXPECT_FALSE(stdfs::exists(NsDir() + "/" + strID)) << "a failed create left its folder";
             EXPECT_TRUE(jRow.isNull()) << jRow;
-            // The same id can be made again.
-            Json::Value jParm = Request("t", 1);
-            jParm["ns"] = "note";
-            jParm["category"] = "memo";
-            jParm["requester"] = kolvtest::kAlice;
-            jParm["id"] = strID;
-            KOLV_VESSA_OBJECT obj;
-            EXPECT_TRUE(obj.Create(jParm)) << StackText();
+            EXPECT_TRUE(CreateWith(strID, "t", 1)) << StackText(); // the same id again
         });
     EXPECT_GT(cCreate, 10);
     if (HasFailure()) return;
