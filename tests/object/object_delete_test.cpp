@@ -176,6 +176,15 @@ TEST_F(ObjectDeleteTest, RenameIsTheOwnersAndTheIndexFollows) {
     ASSERT_TRUE(KOLVVessaObjectFieldRename(hash.get(), strV3)) << StackText();
     EXPECT_EQ(strV2, strV3);
     EXPECT_EQ("x", kolvtest::Psql("SELECT metatext->>'label' FROM object WHERE id = '" + strID + "';"));
+
+    // The system renames anybody's fields.
+    jParm["requester"] = 0;
+    jParm["old_field"] = "title";
+    jParm["new_field"] = "heading";
+    jParm["version"] = strV3;
+    ASSERT_TRUE(obj.FieldRename(jParm)) << StackText();
+    EXPECT_EQ("t", obj.get_text()["heading"].asString());
+    EXPECT_EQ(obj.get_version(), kolvtest::Psql("SELECT version FROM object WHERE id = '" + strID + "';"));
 }
 
 } // namespace
