@@ -17,45 +17,30 @@
 
 namespace {
 
+Json::Value J(const std::string &str) {
+    return kolvtest::ParseJson(str);
+}
+
 class IndexObjectTest : public kolvtest::SysrootTest {
   protected:
     void SetUp() override {
         if (!kolvtest::HavePostgres()) GTEST_SKIP() << "PGHOST is not set: no PostgreSQL server for the index";
         kolvtest::DropIndexDatabase();
-        Json::Value j;
-        j["Access"]["enable"] = true;
-        j["Access"]["enable_ns_note"] = true;
-        j["Access"]["enable_ns_todo"] = true;
-        m_sys.WriteSettings(j);
+        m_sys.WriteSettings(J(R"({"Access":{"enable":true,"enable_ns_note":true,"enable_ns_todo":true}})"));
     }
 
-    // A new object of owner in ns, through the object store (which also
-    // indexes it).
-    std::string Create(const std::string &strNs, unsigned owner, const std::string &strCategory,
-                       const Json::Value &jText, const Json::Value &jMetatext = Json::Value()) {
-        Json::Value jParm;
-        if (!jMetatext.isNull()) jParm["metatext"] = jMetatext;
-        jParm["ns"] = strNs;
-        jParm["requester"] = owner;
-        jParm["owner"] = owner;
-        jParm["category"] = strCategory;
-        jParm["text"] = jText;
+    // A new object of owner, through the object store (which also indexes it).
+    static std::string Create(Json::Value jParm, unsigned owner) {
+        jParm["requester"] = jParm["owner"] = owner;
         KOLV_VESSA_OBJECT Object;
         std::string strId, strVer;
         EXPECT_TRUE(Object.Create(jParm, strId, strVer)) << kolvtest::StackText();
         return strId;
     }
-
     static std::string Count(const std::string &strWhere = "TRUE") {
         return kolvtest::Psql("SELECT count(*) FROM object WHERE " + strWhere + ";");
     }
 };
-
-Json::Value Text(const std::string &strTitle) {
-    Json::Value j;
-    j["title"] = strTitle;
-    return j;
-}
 
 KOLV_VESSA_OBJECT *Record(const std::string &strId, const std::string &strCategory) {
     KOLV_VESSA_OBJECT *p = KOLVVessaObjectAlloc();
@@ -79,7 +64,10 @@ TEST_F(IndexObjectTest, UpsertAddsOneRowThenUpdatesItInPlace) {
         strCategory += s;
         jText[s] = s;
     }
-    std::string strId = Create("note", kolvtest::kAlice, strCategory, jText, jText);
+    Json::Value jParm = J(R"({"ns":"note"})");
+    jParm["category"] = strCategory;
+    jParm["text"] = jParm["metatext"] = jText;
+    std::string strId = Create(jParm, kolvtest::kAlice);
     ASSERT_FALSE(strId.empty());
     auto Expect = [&](const char *szStep) {
         ASSERT_EQ("1", Count()) << szStep;
@@ -119,8 +107,7 @@ TEST_F(IndexObjectTest, UpsertAddsOneRowThenUpdatesItInPlace) {
     // The index backend's create indexes the named object.
     std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
     kolvtest::Psql("DELETE FROM object;");
-    Json::Value jParm;
-    jParm["ns"] = "note";
+    jParm = J(R"({"ns":"note"})");
     jParm["id"] = strId;
     std::string strOutId, strVer;
     ASSERT_TRUE(pBackend->Create(jParm, strOutId, strVer)) << kolvtest::StackText();
@@ -131,7 +118,7 @@ TEST_F(IndexObjectTest, UpsertAddsOneRowThenUpdatesItInPlace) {
                  "!jParm[\"id\"].isString() || !jParm[\"ns\"].isString()");
 }
 
-TEST_F(IndexObjectTest, BatchReplacesEveryRowInOneStatement) {
+TEST_F(IndexObjectTest, BatchReplacesEveryRowInOneStatementAndIdListsAreEscaped) {
     KOLVDB *pConn = KOLVVessaOpenConn();
     ASSERT_NE(nullptr, pConn) << kolvtest::StackText();
     KOLV_VESSA_OBJECT *pList = Record("a", "one");
@@ -153,6 +140,15 @@ TEST_F(IndexObjectTest, BatchReplacesEveryRowInOneStatement) {
     EXPECT_EQ("3", Count());
     EXPECT_FALSE(KOLVVessaObjectBatchIndexEx(NULL, NULL));
     EXPECT_EQ("(0 != KOLVDBExecute(pConn, strSQL.c_str(), NULL))\nNULL == pConn", kolvtest::StackText());
+
+    // The escaped id list of a string, an array, or anything else.
+    EXPECT_EQ("('x')", KOLVVessaObjectEscapeStringArray(Json::Value("x")));
+    EXPECT_EQ("()", KOLVVessaObjectEscapeStringArray(Json::Value(Json::arrayValue)));
+    EXPECT_EQ("('a''b','c\\')", KOLVVessaObjectEscapeStringArray(J(R"(["a'b","c\\"])")));
+    KOLVVessaErrSetEx(1, "x", 1, "reset");
+    EXPECT_EQ("()", KOLVVessaObjectEscapeStringArray(Json::Value(5)));
+    EXPECT_EQ(1, KOLVVessaErrCodeGet());
+    EXPECT_EQ("reset\n!jsArray.isArray()", kolvtest::StackText());
 }
 
 // A NUL can be stored in a json column but no operator reads it back, so
@@ -161,8 +157,8 @@ TEST_F(IndexObjectTest, BatchReplacesEveryRowInOneStatement) {
 // object is refused at the index write and logged, its old row stands,
 // and the other objects of an upsert's reindex or batch go on.
 TEST_F(IndexObjectTest, ValuesTheIndexCannotHoldNeverReachIt) {
-    std::string strGood = Create("note", kolvtest::kAlice, "good", Text("x"));
-    std::string strBad = Create("note", kolvtest::kAlice, "bad", Text("x"));
+    std::string strGood = Create(J(R"({"ns":"note","category":"good","text":{"title":"x"}})"), kolvtest::kAlice);
+    std::string strBad = Create(J(R"({"ns":"note","category":"bad","text":{"title":"x"}})"), kolvtest::kAlice);
     ASSERT_FALSE(strGood.empty() || strBad.empty());
     // Planted by the owner in his own folder, as no request can.
     const std::string strMetaFile = m_sys.Repo() + "/note/" + strBad + "/metatext.json";
@@ -205,24 +201,10 @@ TEST_F(IndexObjectTest, ValuesTheIndexCannotHoldNeverReachIt) {
     }
 }
 
-TEST_F(IndexObjectTest, EscapedIdListOfStringArrayAndOtherValues) {
-    EXPECT_EQ("('x')", KOLVVessaObjectEscapeStringArray(Json::Value("x")));
-    EXPECT_EQ("()", KOLVVessaObjectEscapeStringArray(Json::Value(Json::arrayValue)));
-    Json::Value jIds(Json::arrayValue);
-    jIds.append("a'b");
-    jIds.append("c\\");
-    EXPECT_EQ("('a''b','c\\')", KOLVVessaObjectEscapeStringArray(jIds));
-
-    KOLVVessaErrSetEx(1, "x", 1, "reset");
-    EXPECT_EQ("()", KOLVVessaObjectEscapeStringArray(Json::Value(5)));
-    EXPECT_EQ(1, KOLVVessaErrCodeGet());
-    EXPECT_EQ("reset\n!jsArray.isArray()", kolvtest::StackText());
-}
-
 TEST_F(IndexObjectTest, ReindexRebuildsOneNamespaceOrAll) {
-    std::string strNote1 = Create("note", kolvtest::kAlice, "n1", Text("one"));
-    std::string strNote2 = Create("note", kolvtest::kBob, "n2", Text("two"));
-    std::string strTodo = Create("todo", kolvtest::kAlice, "t1", Text("three"));
+    std::string strNote1 = Create(J(R"({"ns":"note","category":"n1","text":{"title":"one"}})"), kolvtest::kAlice);
+    std::string strNote2 = Create(J(R"({"ns":"note","category":"n2","text":{"title":"two"}})"), kolvtest::kBob);
+    Create(J(R"({"ns":"todo","category":"t1","text":{"title":"three"}})"), kolvtest::kAlice);
     ASSERT_EQ("3", Count());
     // A directory that is no object is logged and left out.
     std::string strBad = m_sys.Repo() + "/note/" + std::to_string(kolvtest::kAlice) + "_" + std::string(96, 'B');
