@@ -38,8 +38,16 @@ class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
     int List(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, unsigned int &total) override;
     bool Download(const Json::Value &jParm) override;
     bool Set(const Json::Value &jParm, std::string &strNewVer) override;
+    /* Renames "old_field" to "new_field" in "segment" under the object's
+     * lock: "text" and "binary" by a commit on "version" (strNewVer the
+     * new version), "metatext" and "metabinary" in place (strNewVer the
+     * request's "version" when it has one). The new name must be free
+     * (1007, or 1037 from the version repository); a missing old name is
+     * 1008, a missing object 1008. */
     bool FieldRename(const Json::Value &jParm, std::string &strNewVer) override;
     bool Create(const Json::Value &jParm, std::string &strId, std::string &strNewVer) override;
+    /* Moves the object's folder out of the namespace under its lock, then
+     * removes it (a folder left behind is logged). No folder is success. */
     bool Delete(const Json::Value &jParm) override;
     bool VersionGet(const Json::Value &jParm, KOLV_VESSA_OBJECT_VERSION *pVer) override;
     bool VersionDiff(const Json::Value &jParm, Json::Value &jDiff) override;
