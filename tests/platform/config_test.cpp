@@ -13,8 +13,6 @@
 
 namespace {
 
-using kolvtest::kAlice;
-
 class PlatformConfig : public kolvtest::SysrootTest {};
 
 std::vector<std::string> Groups(const char *szUser) {
@@ -58,16 +56,8 @@ TEST_F(PlatformConfig, ShareIsRelocatedAndItsVolumeIsTheParent) {
 }
 
 TEST_F(PlatformConfig, UsersAndGroupsComeFromTheTableBeforeNss) {
+    // The table's facts as the library sees them: tests/common/user_test.cpp.
     KOLVUSER *pUser = nullptr;
-    ASSERT_EQ(0, KOLVUserGetByUID(kAlice, &pUser));
-    EXPECT_STREQ("alice", pUser->szName);
-    EXPECT_STREQ("alice@example.com", pUser->szMail);
-    EXPECT_EQ(100u, pUser->gid);
-    EXPECT_EQ(0, pUser->expired);
-    KOLVUserFree(pUser);
-    ASSERT_EQ(0, KOLVUserGetByUID(kolvtest::kCarol, &pUser));
-    EXPECT_EQ(1, pUser->expired);
-    KOLVUserFree(pUser);
     ASSERT_EQ(0, KOLVUserGet("DOM\\dave", &pUser));
     EXPECT_EQ(kolvtest::kDave, pUser->uid);
     KOLVUserFree(pUser);
@@ -120,7 +110,7 @@ TEST_F(PlatformConfig, UsersAndGroupsComeFromTheTableBeforeNss) {
     EXPECT_EQ((std::vector<std::string>{"100"}), Groups("root"));
 }
 
-TEST_F(PlatformConfig, UserHomeSwitches) {
+TEST_F(PlatformConfig, UserHomeSwitchesAndServices) {
     auto expect = [](bool blLocal, bool blDomain, bool blLdap) {
         EXPECT_EQ(blLocal, (bool)KOLVServiceUserHomeIsEnabled(AUTH_LOCAL, nullptr));
         EXPECT_EQ(blDomain, (bool)KOLVServiceUserHomeIsEnabled(AUTH_DOMAIN, nullptr));
@@ -132,17 +122,10 @@ TEST_F(PlatformConfig, UserHomeSwitches) {
     expect(false, true, false); // a missing key is off
     ASSERT_EQ(0, unlink(m_sys.Path("/usr/kolv/etc/platform.conf").c_str()));
     expect(true, false, false); // the defaults without a file
-}
-
-TEST_F(PlatformConfig, ServiceIsRunning) {
+    // Only the database service is known; whether it runs is the index
+    // tests' business (tests/index/index_db_test.cpp).
     EXPECT_FALSE(TRABServiceIsRunning(nullptr));
     EXPECT_FALSE(TRABServiceIsRunning("smb"));
-    if (kolvtest::HavePostgres()) {
-        EXPECT_TRUE(TRABServiceIsRunning("pgsql"));
-    }
-    // No server where libpq looks (each test runs in a process of its own).
-    setenv("PGHOST", m_sys.Path("/tmp").c_str(), 1);
-    EXPECT_FALSE(TRABServiceIsRunning("pgsql"));
 }
 
 } // namespace

@@ -1,5 +1,4 @@
-/* Files: existence, mkdir -p, remove tree, atomic copy, flock. */
-#include <dirent.h>
+/* Files: existence, mkdir -p, remove tree, flock. */
 #include <kolvplatform/kolv_platform.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -83,31 +82,6 @@ TEST_F(PlatformFiles, RemoveTreeRemovesEverything) {
     EXPECT_EQ(0, KOLVFSRemoveTree(strTop.c_str()));
     EXPECT_LT(KOLVFSRemoveTree(""), 0);
     EXPECT_LT(KOLVFSRemoveTree("/"), 0);
-}
-
-TEST_F(PlatformFiles, CopyReplacesTheTargetAndLeavesNoTemporaryFile) {
-    std::string strData;
-    for (int i = 0; i < 200000; ++i)
-        strData += static_cast<char>(i * 31);
-    WriteFile(Tmp("src"), strData);
-    ASSERT_EQ(0, chmod(Tmp("src").c_str(), 0640));
-    WriteFile(Tmp("dst"), "old");
-    ASSERT_EQ(0, KOLVFileCopy(Tmp("src").c_str(), Tmp("dst").c_str()));
-    EXPECT_EQ(strData, ReadFile(Tmp("dst")));
-    EXPECT_EQ(0640u, ModeOf(Tmp("dst")));
-
-    // Failures: missing source, a directory source, a missing target folder.
-    EXPECT_LT(KOLVFileCopy(Tmp("missing").c_str(), Tmp("x").c_str()), 0);
-    EXPECT_LT(KOLVFileCopy(Tmp("").c_str(), Tmp("x").c_str()), 0);
-    EXPECT_LT(KOLVFileCopy(Tmp("src").c_str(), Tmp("nodir/x").c_str()), 0);
-
-    int n = 0;
-    DIR *pDir = opendir(Tmp("").c_str());
-    ASSERT_NE(nullptr, pDir);
-    while (struct dirent *pEnt = readdir(pDir))
-        n += pEnt->d_name[0] != '.';
-    closedir(pDir);
-    EXPECT_EQ(2, n); // src dst
 }
 
 TEST_F(PlatformFiles, ExclusiveLockBlocksAnotherProcess) {
