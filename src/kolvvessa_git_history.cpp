@@ -141,7 +141,8 @@ bool FilterPasses(const Json::Value &jFilter, const Json::Value &jInfo) {
     return true;
 }
 
-/* A revision walk over every local branch, sorted by time. */
+/* A revision walk over every local branch: children before their parents
+ * (versions of one second keep their order), then by time. */
 int StartWalk(git_repository *pRepo, bool blReverse, GitRevwalk &pWalk) {
     git_revwalk *pRawWalk = NULL;
     int ret = git_revwalk_new(&pRawWalk, pRepo);
@@ -150,7 +151,7 @@ int StartWalk(git_repository *pRepo, bool blReverse, GitRevwalk &pWalk) {
         syslog(LOG_ERR, "%s:%d fail to git_revwalk_new (%s)", __FILE__, __LINE__, ErrText());
         return ret;
     }
-    git_revwalk_sorting(pWalk.get(), GIT_SORT_TIME | (blReverse ? GIT_SORT_REVERSE : 0));
+    git_revwalk_sorting(pWalk.get(), GIT_SORT_TOPOLOGICAL | GIT_SORT_TIME | (blReverse ? GIT_SORT_REVERSE : 0));
     git_branch_iterator *pRawIter = NULL;
     if (0 > (ret = git_branch_iterator_new(&pRawIter, pRepo, GIT_BRANCH_LOCAL))) {
         syslog(LOG_ERR, "%s:%d fail to git_branch_iterator_new (%s)", __FILE__, __LINE__, ErrText());

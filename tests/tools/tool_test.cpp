@@ -145,19 +145,25 @@ TEST_F(ToolTest, HistoryRenameAndRecursiveDelete) {
     std::string strBook = ParseJson(strOut)["id"].asString();
     ASSERT_EQ(0, Tool("create",
                       R"({"ns":"note","category":"memo","requester":1101,"parent_id":")" + strBook +
-                          R"(","text":{"title":"a","body":"b"}})",
+                          R"(","mtime":7,"text":{"title":"a","body":"b"}})",
                       &strOut));
     Json::Value jNote = ParseJson(strOut);
     const std::string strHead = R"({"ns":"note","id":")" + jNote["id"].asString() + R"(","requester":1101)";
     const std::string strV1 = jNote["version"].asString();
-    ASSERT_EQ(0, Tool("set", strHead + R"(,"version":")" + strV1 + R"(","text":{"body":"c"}})", &strOut));
-    const std::string strV2 = ParseJson(strOut)["version"].asString();
-
-    ASSERT_EQ(0, Tool("versions", strHead + R"(,"limit":1})", &strOut));
+    // Versions of one second still list newest first: by their parents,
+    // not by their times.
+    std::string strV2 = strV1;
+    for (const char *szBody : {"x", "c"}) {
+        ASSERT_EQ(0, Tool("set",
+                          strHead + R"(,"mtime":7,"version":")" + strV2 + R"(","text":{"body":")" + szBody + R"("}})",
+                          &strOut));
+        strV2 = ParseJson(strOut)["version"].asString();
+    }
+    ASSERT_EQ(0, Tool("versions", strHead + R"(,"offset":1,"limit":2})", &strOut));
     Json::Value jVersions = ParseJson(strOut);
-    EXPECT_EQ(1, jVersions["count"].asInt());
-    EXPECT_EQ(2, jVersions["total"].asInt());
-    EXPECT_EQ(strV2, jVersions["versions"][0]["version"].asString());
+    EXPECT_EQ(2, jVersions["count"].asInt());
+    EXPECT_EQ(3, jVersions["total"].asInt());
+    EXPECT_EQ(strV1, jVersions["versions"][1]["version"].asString());
     EXPECT_EQ("alice", jVersions["versions"][0]["author"].asString());
 
     ASSERT_EQ(0, Tool("version", strHead + R"(,"version":")" + strV1 + R"("})", &strOut));
