@@ -147,9 +147,9 @@ class KOLV_EXPORT KOLV_VESSA_OBJECT {
      * requester 0 may delete; sharing never grants it. The namespace's
      * "delete" hooks see the object as it was, before and after. A
      * descendant that cannot be deleted is written to the system log and
-     * the others are still deleted; the call still succeeds. The object
-     * is read first, so one that is gone already cannot be deleted again
-     * (1008 from the read). Returns true, or false with:
+     * the others are still deleted; the call still succeeds. Deleting an
+     * object that is gone already succeeds (without hooks) and removes a
+     * row the index may have kept of it. Returns true, or false with:
      *   1007 a malformed record;
      *   1008 an id without an owner;
      *   1010 no file or index backend;

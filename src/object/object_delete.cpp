@@ -69,12 +69,20 @@ bool RemoveFromStores(const Json::Value &jParm) {
     return true;
 }
 
+// A read that found no object folder: the object is deleted already.
+bool AlreadyGone(const Json::Value &jParm) {
+    return 1008 == KOLVVessaErrCodeGet() && !KOLVVessaIDIsExist(jParm["ns"].asString(), jParm["id"].asString());
+}
+
 // One object, without its descendants. The post-hook gets the object as
-// it was: nothing is left of it to read afterwards.
+// it was: nothing is left of it to read afterwards. Deleting an object
+// that is gone succeeds without hooks; the stores are still asked, so a
+// row the index kept of it goes too, and a recursive delete that was cut
+// short can be run again.
 bool DeleteOne(const Json::Value &jParm) {
     if (!CheckDeleteParm(jParm) || !CheckDeleteAccess(jParm)) return false;
     KOLV_VESSA_OBJECT tmpOldObj;
-    if (!ReadWhole(jParm, tmpOldObj)) return false;
+    if (!ReadWhole(jParm, tmpOldObj)) return AlreadyGone(jParm) && RemoveFromStores(jParm);
     kolv::NsHooks hooks(jParm["ns"].asString(), "delete", false);
     hooks.Pre(jParm, &tmpOldObj);
     if (!RemoveFromStores(jParm)) return false;
