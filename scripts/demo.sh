@@ -39,12 +39,19 @@ cat >"$KOLV_SYSROOT/usr/kolv/etc/platform.conf" <<'CONF'
   ]
 }
 CONF
+# alice's file: the store opens a source as the requester would.
 head -c 2048 /dev/urandom >"$demo/cover.bin"
+chmod 0755 "$demo"
+chmod 0644 "$demo/cover.bin"
 
 step() { printf '\n== %s\n' "$*"; }
 # Runs the tool, echoing the command; the JSON result goes to stdout.
 kv() {
-    printf "$ kolvvessa %s '%s'\n" "$1" "$2" >&2
+    local arg line="$ kolvvessa $1"
+    for arg in "${@:2}"; do
+        case $arg in --*) line+=" $arg" ;; *) line+=" '$arg'" ;; esac
+    done
+    printf '%s\n' "$line" >&2
     "$tool" "$@"
 }
 brief='{id: (.id[0:10] + "..."), category, owner: .owner.display_name, perm, version: (.version[0:8]), text}'
@@ -86,6 +93,18 @@ kv set "{\"ns\":\"note\",\"id\":\"$note_id\",\"requester\":1102,\"version\":\"$(
 step "alice lists her objects"
 kv list '{"ns":"note","requester":1101,"field":{"text":true}}' | jq -c ".count, (.objects[] | $brief)"
 
+step "the note's history: three versions, by alice and bob; what changed since the first"
+history=$(kv versions "{\"ns\":\"note\",\"id\":\"$note_id\",\"requester\":1101}")
+echo "$history" | jq -c '{total, listable_total}, (.versions[] | {version: .version[0:8], author, commit_msg})'
+kv diff "{\"ns\":\"note\",\"id\":\"$note_id\",\"requester\":1101,\"old_version\":\"$v1\"}" | jq -c .
+
+step "alice renames the field \"body\" to \"recipe\": a new version; the older ones keep \"body\""
+v3=$(echo "$history" | jq -r '.versions[0].version')
+kv rename "{\"ns\":\"note\",\"id\":\"$note_id\",\"requester\":1101,\"segment\":\"text\",
+  \"old_field\":\"body\",\"new_field\":\"recipe\",\"version\":\"$v3\"}" | jq -c "{version: .version[0:8], text}"
+kv version "{\"ns\":\"note\",\"id\":\"$note_id\",\"requester\":1101,\"version\":\"$v1\"}" |
+    jq -c '{version: .record.version[0:8], author: .record.author, text: .object.text}'
+
 step "alice withdraws sharing in \"note\": bob now sees only his own"
 kv sharing-set '{"ns":"note","owner":1101,"enable":0}' | jq -c .
 kv list '{"ns":"note","requester":1102}' | jq -c ".count, (.objects[] | $brief)"
@@ -94,6 +113,10 @@ kv sharing-set '{"ns":"note","owner":1101,"enable":1}' | jq -c .
 step "rebuild the index from the repository and list again"
 kv reindex '{"ns":"note"}' | jq -c .
 kv list '{"ns":"note","requester":1101}' | jq -c ".count"
+
+step "alice deletes the notebook with everything below it; bob's note stays"
+kv delete --recursive "{\"ns\":\"note\",\"id\":\"$book_id\",\"requester\":1101}" | jq -c '{deleted: (.deleted[0:10] + "..."), recursive}'
+kv list '{"ns":"note","requester":0}' | jq -c ".count, (.objects[] | $brief)"
 
 step "the objects on disk"
 (cd "$KOLV_SYSROOT/volume1/@KolvVessa" && find note -maxdepth 2 -name '*.json' | sed 's/_[0-9A-F]\{86\}/_.../' | sort | head -8)
