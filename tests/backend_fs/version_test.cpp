@@ -166,7 +166,7 @@ TEST_F(VersionStoreTest, BinaryFilesByPathDeleteAndFromAnotherObject) {
     EXPECT_TRUE(ScratchEmpty());
 }
 
-TEST_F(VersionStoreTest, VersionListGetDiffAndTheirFailures) {
+TEST_F(VersionStoreTest, VersionListOrderFilterDiffKindsAndFailureCodes) {
     std::string strId = Create(J(R"({"a":"1","gone":"x"})"));
     std::vector<std::string> vVers{m_ver};
     Json::Value jBin = Binary("f", "raw", m_sys.Root() + "/f.bin");
@@ -195,34 +195,24 @@ TEST_F(VersionStoreTest, VersionListGetDiffAndTheirFailures) {
     };
     EXPECT_EQ("1000 2000 3000 4000 5000 | 5 5 2", List(R"({"sort_direction":"ASC"})"));
     EXPECT_EQ("5000 4000 3000 2000 1000 | 5 5 2", List(R"({"sort_direction":"asc"})"));
-    EXPECT_EQ("4000 3000 | 2 5 2", List(R"({"offset":1,"limit":2})"));
     EXPECT_EQ("4000 2000 | 2 5 2", List(R"({"filter":{"tag":"x"}})"));
+    // Paging, totals and each record's members through the version
+    // front end: tests/version/version_test.cpp.
 
-    Json::Value jReq = J(R"({"ns":"note"})");
+    // Each kind of change, under the decoded names; never the info records.
+    Json::Value jReq = J(R"({"ns":"note"})"), jDiff(Json::objectValue);
     jReq["id"] = strId;
-    jReq["ver"] = vVers[2];
-    KOLV_VESSA_OBJECT_VERSION ver;
-    KOLVVESSA_BACKEND_FS fs;
-    ASSERT_TRUE(fs.VersionGet(jReq, &ver));
-    EXPECT_EQ(kAlice, ver.get_author());
-    EXPECT_EQ(3000, ver.get_mtime());
-    EXPECT_EQ("y", ver.get_commit_msg()["tag"].asString());
-    EXPECT_EQ(vVers[1], ver.get_last_version()[0].asString());
-    Json::Value jDiff(Json::objectValue);
     jReq["old_version"] = vVers[0];
+    KOLVVESSA_BACKEND_FS fs;
     ASSERT_TRUE(fs.VersionDiff(jReq, jDiff)) << StackText();
     EXPECT_EQ(J(R"({"text":{"a":"modified","gone":"deleted","new":"created"},"binary":{"f":"created"}})"), jDiff);
-    jDiff = Json::Value(Json::objectValue);
-    jReq["old_version"] = vVers[3];
-    jReq["new_version"] = vVers[2];
-    ASSERT_TRUE(fs.VersionDiff(jReq, jDiff));
-    EXPECT_EQ(J(R"({"text":{"gone":"created","new":"deleted"}})"), jDiff);
 
     // A missing repository or version is 1008; anything else git refuses 1037.
     jReq["old_version"] = std::string(40, 'b');
     EXPECT_FAILS(fs.VersionDiff(jReq, jDiff), 1008,
                  "GitDiff(m_jPathInfo[KOLVVES_VERSION].asCString(), jRequest[\"old_version\"].asCString(), "
                  "jRequest[\"new_version\"].asCString(), pHash.get())");
+    KOLV_VESSA_OBJECT_VERSION ver;
     jReq["ver"] = "not-a-version";
     EXPECT_FALSE(fs.VersionGet(jReq, &ver));
     EXPECT_EQ(1037, KOLVVessaErrCodeGet());
