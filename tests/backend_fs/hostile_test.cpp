@@ -7,6 +7,7 @@
  * the expected code, and the object stays readable.
  */
 #include <fcntl.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,13 +21,6 @@ namespace {
 using kolvtest::RunCommand;
 using kolvtest::StackText;
 using objtest::J;
-
-/* Replaces every "@NAME@" of str by its value. */
-std::string Fill(std::string str, const std::string &strName, const std::string &strValue) {
-    for (size_t pos; std::string::npos != (pos = str.find("@" + strName + "@"));)
-        str.replace(pos, strName.size() + 2, strValue);
-    return str;
-}
 
 class HostileStoreTest : public objtest::ObjectStoreTest {
   protected:
@@ -64,6 +58,16 @@ class HostileStoreTest : public objtest::ObjectStoreTest {
         return strOut;
     }
     std::string Outside() const { return Snapshot(m_strVictim) + Snapshot(ObjectDir(m_strBobs)); }
+    /* str with "@V@" root's folder, "@BOB@" bob's object, "@SRC@" and "@SRC2@" the sources. */
+    std::string Fill(std::string str) const {
+        for (const auto &name : {std::make_pair("@V@", m_strVictim),
+                                 {"@BOB@", ObjectDir(m_strBobs)},
+                                 {"@SRC2@", m_sys.Path("/tmp/src2.bin")},
+                                 {"@SRC@", m_strSrc}})
+            for (size_t pos; std::string::npos != (pos = str.find(name.first));)
+                str.replace(pos, strlen(name.first), name.second);
+        return str;
+    }
 
     /* alice reads her object whole; its version in strVer. Nothing of
      * root's files may show in it. */
@@ -145,18 +149,12 @@ TEST_F(HostileStoreTest, LinksPlantedInTheObjectAreNeverWrittenThrough) {
          "1003 !kolv::fs::CopyFromFd(fdAsRequester.get(), item.strFile)"},
     };
     const std::string strObject = ObjectDir(m_strID), strOutside = Outside();
-    const std::string strSrc2 = m_sys.Path("/tmp/src2.bin");
-    kolvtest::WriteFile(strSrc2, "attachment two");
+    kolvtest::WriteFile(Fill("@SRC2@"), "attachment two");
     long long mtime = time(NULL) + 100;
     for (const auto &c : rgCase) {
         SCOPED_TRACE(c.szWhat);
-        auto fill = [&](const std::string &str) {
-            std::string strFilled =
-                Fill(Fill(Fill(str, "V", m_strVictim), "BOB", ObjectDir(m_strBobs)), "SRC", m_strSrc);
-            return Fill(strFilled, "SRC2", strSrc2);
-        };
-        ASSERT_EQ(0, RunCommand("cd " + strObject + " && " + fill(c.strPlant)));
-        Json::Value jRequest = J(fill(c.szRequest));
+        ASSERT_EQ(0, RunCommand("cd " + strObject + " && " + Fill(c.strPlant)));
+        Json::Value jRequest = J(Fill(c.szRequest));
         jRequest["mtime"] = (Json::Int64)mtime++;
         bool blOk = Set(jRequest);
         if (c.strFails.empty()) {
@@ -169,7 +167,7 @@ TEST_F(HostileStoreTest, LinksPlantedInTheObjectAreNeverWrittenThrough) {
         std::string strVer; // read while the link is still there
         Read(strVer);
         EXPECT_EQ(strOutside, Outside());
-        EXPECT_EQ(0, RunCommand("cd " + strObject + " && " + fill(c.strUndo)));
+        EXPECT_EQ(0, RunCommand("cd " + strObject + " && " + Fill(c.strUndo)));
         EXPECT_TRUE(Read(m_strVer)) << StackText();
     }
     // Every successful set took effect in the object itself.
