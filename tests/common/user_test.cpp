@@ -117,7 +117,7 @@ TEST_F(Users, ConcurrentFirstLookupsAgree) {
 
 class Repository : public kolvtest::SysrootTest {};
 
-TEST_F(Repository, ObjectDirectoryAndMetaBinary) {
+TEST_F(Repository, ObjectDirectoryMetaBinaryAndAppPrivilege) {
     std::string strDir = m_sys.Repo() + "/note/" + KOLVVessaObjectGenerateID(kAlice);
     std::string strID = strDir.substr(strDir.rfind('/') + 1);
     EXPECT_FALSE(KOLVVessaIDIsExist("note", strID));
@@ -150,13 +150,12 @@ TEST_F(Repository, ObjectDirectoryAndMetaBinary) {
         EXPECT_EQ("", KOLVVessaAppPrivName(szNs));
     }
     EXPECT_EQ("untouched", strPath);
-}
 
-TEST_F(Repository, AppPrivilegeOfNamespace) {
-    std::string strDir = m_sys.Path("/usr/local/libexec/kolvvessa/");
-    kolvtest::WriteFile(strDir + "note.lib", R"({"app priv":"NOTE_APP"})");
-    kolvtest::WriteFile(strDir + "num.lib", R"({"app priv":7})");
-    kolvtest::WriteFile(strDir + "bad.lib", R"({"app priv":)");
+    // The app privilege named by a namespace's descriptor.
+    std::string strLib = m_sys.Path("/usr/local/libexec/kolvvessa/");
+    kolvtest::WriteFile(strLib + "note.lib", R"({"app priv":"NOTE_APP"})");
+    kolvtest::WriteFile(strLib + "num.lib", R"({"app priv":7})");
+    kolvtest::WriteFile(strLib + "bad.lib", R"({"app priv":)");
     EXPECT_EQ("NOTE_APP", KOLVVessaAppPrivName("note"));
     for (const char *szNs : {"num", "bad", "missing"})
         EXPECT_EQ("", KOLVVessaAppPrivName(szNs)) << szNs;
