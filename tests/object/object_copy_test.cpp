@@ -13,15 +13,18 @@ using objtest::J;
 
 class ObjectCopyTest : public objtest::ObjectStoreTest {};
 
-TEST_F(ObjectCopyTest, AReaderGetsHisOwnCopyUnderHisRoot) {
-    std::string strFile = m_sys.Path("/tmp/picture.bin");
+TEST_F(ObjectCopyTest, AReaderCopiesUnderHisRootTheOwnerBesideTheSource) {
+    std::string strFile = m_sys.Path("/tmp/picture.bin"), strThumb = m_sys.Path("/tmp/thumb.png");
     kolvtest::WriteFile(strFile, "binary content");
-    std::string strThumb = m_sys.Path("/tmp/thumb.png");
     kolvtest::WriteFile(strThumb, "thumbnail");
+    std::string strParent = Create(kolvtest::kAlice, J("{\"acl\":{\"enabled\":true,\"public\":{\"perm\":\"ro\"}}}"));
     Json::Value jExtra = J(R"({"text":{"title":"orig"},"metatext":{"tag":"x"},
         "acl":{"enabled":true,"hmx_user":{"1102":{"perm":"ro"}}},
-        "binary_files":[{"name":"picture.bin","format":"raw","path":")" + strFile + R"("}],
-        "metabinary_files":[{"name":"thumb","format":"png","path":")" + strThumb + R"("}]})");
+        "binary_files":[{"name":"picture.bin","format":"raw","path":")" +
+                           strFile + R"("}],
+        "metabinary_files":[{"name":"thumb","format":"png","path":")" +
+                           strThumb + R"("}]})");
+    jExtra["parent_id"] = strParent;
     std::string strID = Create(kolvtest::kAlice, jExtra);
     unlink(strThumb.c_str()); // the copy reads the source's own file
 
@@ -40,29 +43,20 @@ TEST_F(ObjectCopyTest, AReaderGetsHisOwnCopyUnderHisRoot) {
     std::string strMetaPath;
     ASSERT_TRUE(KOLVVessaGetMetaBinaryPath("note", copy.get_id(), "thumb", strMetaPath));
     EXPECT_EQ("thumbnail", kolvtest::ReadFile(strMetaPath));
-
     EXPECT_FALSE(copy.Copy(GetParm("1101_NOSUCH", kolvtest::kBob)));
     EXPECT_NE(std::string::npos, StackText().find("!PrepareCopyParm(jParm, jCreateParm)"));
-}
 
-TEST_F(ObjectCopyTest, TheOwnersCopyStaysBesideTheSource) {
-    std::string strParent = Create(kolvtest::kAlice, J("{\"acl\":{\"enabled\":true,\"public\":{\"perm\":\"ro\"}}}"));
-    Json::Value jChild = J("{\"text\":{\"t\":1}}");
-    jChild["parent_id"] = strParent;
-    std::string strChild = Create(kolvtest::kAlice, jChild);
-
-    kolvtest::Hash hash({{"ns", "note"}, {"id", strChild}, {"requester", "1101"}});
+    // The owner's copy, through the string-hash entry, stays under the
+    // source's parent and inherits its grants.
+    kolvtest::Hash hash({{"ns", "note"}, {"id", strID}, {"requester", "1101"}});
     std::string strNewID, strNewVer;
     ASSERT_TRUE(KOLVVessaObjectCopy(hash.get(), strNewID, strNewVer)) << StackText();
-
-    KOLV_VESSA_OBJECT copy;
     Json::Value jGet = GetParm(strNewID, kolvtest::kAlice);
     jGet["field"]["acl"] = true;
     ASSERT_TRUE(copy.Get(jGet)) << StackText();
     EXPECT_EQ(strNewVer, copy.get_version());
     EXPECT_EQ(strParent, copy.get_parent_id());
     EXPECT_TRUE(copy.get_acl()["public"]["inherit"].asBool());
-
     EXPECT_FAILS(KOLVVessaObjectCopy(NULL, strNewID, strNewVer), 1015, "NULL == pParmHash");
 }
 
