@@ -25,14 +25,6 @@
 
 namespace {
 
-/* The lock file may be taken: absent (made on first use) or a regular
- * file. The owner can plant anything there; nobody can hold a lock on a
- * link or a FIFO, and opening a FIFO would block. */
-bool LockFileUsable(const std::string &strDir) {
-    struct stat st;
-    return !kolv::fs::Lstat(kolv::ObjectLock::PathOf(strDir), st) || S_ISREG(st.st_mode);
-}
-
 /* Renames the object folder strDir to a hidden name beside it, given in
  * strHidden ("" when there was no folder to move: deleting twice
  * succeeds twice). */
@@ -45,9 +37,10 @@ bool MoveOutOfNamespace(const std::string &strDir, uid_t owner, std::string &str
     }
     if (KOLV_FAIL_IF(1000, !S_ISDIR(st.st_mode))) return false;
     // A writer in the middle of a save finishes first. Whatever fails
-    // here, the rename below decides.
+    // here (the owner may have planted a link or a FIFO as the lock file,
+    // which nobody can hold), the rename below decides.
     kolv::ObjectLock lock;
-    if (LockFileUsable(strDir)) lock.Acquire(strDir, true, owner);
+    lock.Acquire(strDir, true, owner);
     std::string strTo = kolv::HiddenBeside(strDir);
     if (0 != kolv::fs::Rename(strDir, strTo, true)) {
         // Another delete was first while this one waited.

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <kolvplatform/kolv_platform.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/kolvvessa_fail.h"
@@ -23,10 +24,14 @@ std::string ObjectLock::PathOf(const std::string &strObjectDir) {
 bool ObjectLock::Acquire(const std::string &strObjectDir, bool blExclusive, uid_t owner) {
     Release();
     std::string strLockPath = PathOf(strObjectDir);
-    // Never through a link: the owner could point ".lock" anywhere.
+    // Never through a link: the owner could point ".lock" anywhere. Nor
+    // may a FIFO he planted there keep the open waiting: only a regular
+    // file is a lock.
     bool blNew = !fs::Exists(strLockPath);
-    Fd fd(fs::OpenFile(strLockPath, O_RDONLY | O_CREAT, 0600));
+    Fd fd(fs::OpenFile(strLockPath, O_RDONLY | O_CREAT | O_NONBLOCK, 0600));
     if (KOLV_FAIL_IF(1001, 0 > fd.get())) return false;
+    struct stat st;
+    if (KOLV_FAIL_IF(1001, 0 != fstat(fd.get(), &st) || !S_ISREG(st.st_mode))) return false;
     int rc;
     while (0 != (rc = flock(fd.get(), blExclusive ? LOCK_EX : LOCK_SH)) && EINTR == errno) {
     }
