@@ -5,6 +5,8 @@
  * version, no temporary or scratch file behind, and the index row old or
  * new.
  */
+#include <stdlib.h>
+
 #include <filesystem>
 #include <functional>
 #include <set>
@@ -19,14 +21,6 @@ using objtest::J;
 
 const char kName[] = "b.bin";
 const char kMetaName[] = "mb";
-
-Json::Value GetParm(const std::string &strID, unsigned requester) {
-    Json::Value j;
-    j["ns"] = "note";
-    j["id"] = strID;
-    j["requester"] = requester;
-    return j;
-}
 
 /* What a read shows of an object: version, texts and file infos. */
 Json::Value Snapshot(const KOLV_VESSA_OBJECT &obj) {
@@ -49,12 +43,14 @@ Json::Value Content(const Json::Value &jSnap) {
     return j;
 }
 
-class FaultTest : public kolvtest::SysrootTest {
+class FaultTest : public objtest::ObjectStoreTest {
   protected:
     void SetUp() override {
         if (!kolvtest::HavePostgres()) GTEST_SKIP() << "PGHOST is not set: no PostgreSQL server for the index";
+        const std::string strPgHost = getenv("PGHOST");
+        ObjectStoreTest::SetUp(); // the namespace on, the index server forgotten
+        setenv("PGHOST", strPgHost.c_str(), 1);
         kolvtest::DropIndexDatabase();
-        m_sys.EnableNamespace("note");
         for (int v = 0; v < 2; ++v) {
             // Sizes differ too, so a file cut short cannot pass for the other.
             kolvtest::WriteFile(Src(v), std::string(1000 + 3000 * v, static_cast<char>('a' + v)));
