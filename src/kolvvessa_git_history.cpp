@@ -291,7 +291,14 @@ int GitListCommitHistory(const char *szRepo, unsigned int limit, unsigned int of
     if (0 > ret) return ret;
     git_oid oid;
     unsigned int cSkipped = 0;
+    // Without a filter every commit counts, so the ones before the page
+    // are skipped by id, unread.
+    const bool blFiltered = jFilter.isObject() && !jFilter.empty();
     while (0 == (ret = git_revwalk_next(&oid, pWalk.get()))) {
+        if (!blFiltered && cSkipped < offset) {
+            cSkipped++;
+            continue;
+        }
         git_commit *pRawCommit = NULL;
         if (0 > (ret = git_commit_lookup(&pRawCommit, pRepo.get(), &oid))) {
             syslog(LOG_ERR, "%s:%d fail to git_commit_lookup (%s)", __FILE__, __LINE__, kolv::git::ErrText());
