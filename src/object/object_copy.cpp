@@ -66,11 +66,7 @@ std::string CopyParent(const Json::Value &jParm, const KOLV_VESSA_OBJECT &srcObj
 
 bool PrepareCopyParm(const Json::Value &jParm, Json::Value &jCreateParm) {
     KOLV_VESSA_OBJECT srcObj;
-    Json::Value jGetParm(Json::objectValue);
-    jGetParm["ns"] = jParm["ns"];
-    jGetParm["id"] = jParm["id"];
-    jGetParm["requester"] = jParm["requester"];
-    jGetParm["field"] = KOLVVessaObjectFieldAll();
+    Json::Value jGetParm = kolv::WholeObjectParm(jParm);
     if (KOLV_APPEND_IF(!srcObj.Get(jGetParm))) return false;
     jCreateParm = Json::Value(Json::objectValue);
     jCreateParm["ns"] = jParm["ns"];

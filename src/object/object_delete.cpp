@@ -44,12 +44,7 @@ bool CheckDeleteAccess(const Json::Value &jParm) {
 
 // The object as it stands, every field, for the hooks.
 bool ReadWhole(const Json::Value &jParm, KOLV_VESSA_OBJECT &tmpOldObj) {
-    Json::Value jGetParm(Json::objectValue);
-    jGetParm["ns"] = jParm["ns"];
-    jGetParm["id"] = jParm["id"];
-    jGetParm["requester"] = jParm["requester"];
-    jGetParm["field"] = KOLVVessaObjectFieldAll();
-    jGetParm["field"]["acl"] = true;
+    Json::Value jGetParm = kolv::WholeObjectParm(jParm);
     if (KOLV_APPEND_IF(!tmpOldObj.Get(jGetParm))) return false;
     return true;
 }

@@ -114,6 +114,25 @@ bool HashToObjectParm(TRABSZHASH *pParmHash, Json::Value &jParm) {
     return kolv::HashRequester(pParm, jParm["requester"]);
 }
 
+Json::Value WholeObjectParm(const Json::Value &jParm) {
+    Json::Value jGetParm(Json::objectValue);
+    jGetParm["ns"] = jParm["ns"];
+    jGetParm["id"] = jParm["id"];
+    jGetParm["requester"] = jParm["requester"];
+    jGetParm["field"] = KOLVVessaObjectFieldAll();
+    return jGetParm;
+}
+
+bool CheckChangeAccess(const Json::Value &jParm) {
+    if (!kolv::CheckRequest(jParm)) return false;
+    if (UID_ROOT != jParm["requester"].asLargestUInt() &&
+        KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
+        return false;
+    }
+    if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jParm["id"].asCString()))) return false;
+    return true;
+}
+
 bool GetWritableParent(const Json::Value &jParm, KOLV_VESSA_OBJECT &obj) {
     Json::Value jGetParm(Json::objectValue);
     jGetParm["ns"] = jParm["ns"];

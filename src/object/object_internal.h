@@ -48,6 +48,16 @@ namespace kolv {
  * missing key or trailing characters after the requester. */
 bool HashToObjectParm(TRABSZHASH *pParmHash, Json::Value &jParm);
 
+/* The read of the object jParm names ("ns", "id") for its "requester",
+ * every field selected: what a change reads before it changes. */
+Json::Value WholeObjectParm(const Json::Value &jParm);
+
+/* The checks a change of an existing object makes before reading it: the
+ * request as every entry checks it, the namespace switch (not for the
+ * system requester 0) and the id. The codes are those of the checks.
+ * REQUIRES: string "ns" and "id", integral "requester". */
+bool CheckChangeAccess(const Json::Value &jParm);
+
 /* Reads jParm["parent_id"] for jParm["requester"] with its ACL into obj;
  * a new parent must be writable by the requester ("rw" or "owner", else
  * 1023). */

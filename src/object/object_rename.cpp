@@ -32,13 +32,7 @@ bool CheckRenameParm(const Json::Value &jParm) {
                                (!jParm.isMember("version") || !jParm["version"].isString()))) {
         return false;
     }
-    if (!kolv::CheckRequest(jParm)) return false;
-    if (UID_ROOT != jParm["requester"].asLargestUInt() &&
-        KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
-        return false;
-    }
-    if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jParm["id"].asCString()))) return false;
-    return true;
+    return kolv::CheckChangeAccess(jParm);
 }
 
 // The optional members' types; a rename without "mtime" is stamped now, so
@@ -48,15 +42,6 @@ bool PrepareFieldRenameParm(Json::Value &jParm) {
     if (jParm.isMember("mtime") && KOLV_FAIL_IF(1007, !jParm["mtime"].isIntegral())) return false;
     if (!jParm.isMember("mtime")) jParm["mtime"] = (Json::Int64)time(NULL);
     return true;
-}
-
-Json::Value ReadParm(const Json::Value &jParm) {
-    Json::Value jGetParm(Json::objectValue);
-    jGetParm["ns"] = jParm["ns"];
-    jGetParm["id"] = jParm["id"];
-    jGetParm["requester"] = jParm["requester"];
-    jGetParm["field"] = KOLVVessaObjectFieldAll();
-    return jGetParm;
 }
 
 } // namespace
@@ -70,7 +55,7 @@ bool KOLV_VESSA_OBJECT::FieldRename(const Json::Value &jsParm) {
         if (!CheckRenameParm(jParm)) return false;
         if (KOLV_APPEND_IF(!PrepareFieldRenameParm(jParm))) return false;
         KOLV_VESSA_OBJECT tmpOldObj;
-        Json::Value jGetParm = ReadParm(jParm);
+        Json::Value jGetParm = kolv::WholeObjectParm(jParm);
         if (KOLV_APPEND_IF(!tmpOldObj.Get(jGetParm))) return false;
         // Written so that no permission passes it: a user with whom the
         // object is shared "rw" may change its fields but not rename them.

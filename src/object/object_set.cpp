@@ -26,22 +26,7 @@ bool CheckSetAccess(const Json::Value &jParm) {
                                !jParm["requester"].isIntegral())) {
         return false;
     }
-    if (!kolv::CheckRequest(jParm)) return false;
-    if (UID_ROOT != jParm["requester"].asLargestUInt() &&
-        KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
-        return false;
-    }
-    if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jParm["id"].asCString()))) return false;
-    return true;
-}
-
-Json::Value ReadParm(const Json::Value &jParm) {
-    Json::Value jGetParm(Json::objectValue);
-    jGetParm["ns"] = jParm["ns"];
-    jGetParm["id"] = jParm["id"];
-    jGetParm["requester"] = jParm["requester"];
-    jGetParm["field"] = KOLVVessaObjectFieldAll();
-    return jGetParm;
+    return kolv::CheckChangeAccess(jParm);
 }
 
 } // namespace
@@ -54,7 +39,7 @@ bool KOLV_VESSA_OBJECT::Set(const Json::Value &jsParm) {
         Json::Value jParm(jsParm);
         if (!CheckSetAccess(jParm)) return false;
         KOLV_VESSA_OBJECT tmpOldObj;
-        Json::Value jGetParm = ReadParm(jParm);
+        Json::Value jGetParm = kolv::WholeObjectParm(jParm);
         if (KOLV_APPEND_IF(!tmpOldObj.Get(jGetParm))) return false;
         // A user with whom the object is shared "rw" may change it too.
         if ("rw" != tmpOldObj.get_perm() && "owner" != tmpOldObj.get_perm()) {
