@@ -55,6 +55,9 @@ TEST_F(IndexDeleteTest, RemovesTheNamedIdsOfTheNamespaceOnly) {
     // An id cut short at a NUL would name another row.
     EXPECT_FAILS(Delete(Parm("note", std::string("c\0zz", 4))), 1007, "!IdsAreWhole(jParm[\"id\"])");
     EXPECT_FAILS(Delete(Parm("note", kolvtest::ParseJson("[\"c\", 1]"))), 1007, "!IdsAreWhole(jParm[\"id\"])");
+    // No id at all is a statement the database refuses.
+    EXPECT_FAILS(Delete(Parm("note", Json::Value(Json::arrayValue))), 1000,
+                 "(0 != KOLVDBExecute(m_conn, strSQL.c_str(), NULL))");
     EXPECT_EQ("note/c,todo/d", Rows());
 }
 

@@ -124,6 +124,17 @@ TEST_F(ListTest, OwnObjectsNewestFirstThenSharedOnesOfOthers) {
     jParm = Request(kAlice);
     jParm["filter"]["owner"] = "bob";
     EXPECT_EQ("b1/ro,b3/rw", List(jParm));
+    // The string-hash form: JSON members parsed, numbers decimal.
+    kolvtest::Hash hash({{"ns", "note"},
+                         {"requester", "1101"},
+                         {"filter", R"({"owner":"bob"})"},
+                         {"field", R"({"text":true})"},
+                         {"offset", "1"},
+                         {"limit", "10"}});
+    KOLV_VESSA_OBJECT *pHead = nullptr;
+    unsigned total = 0;
+    int count = KOLVVessaObjectList(hash.get(), &pHead, total);
+    EXPECT_EQ("b3/rw", Listed(count, pHead));
     jParm["filter"]["owner"] = "alice";
     EXPECT_EQ("a2/owner,a3/owner,a1/owner", List(jParm));
     jParm["filter"]["owner"] = "carol";
@@ -369,56 +380,6 @@ TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
     // A negative offset is the database's to refuse.
     jParm["offset"] = -1;
     EXPECT_FAILS("ERR" != List(jParm), 1000, "(0 != KOLVDBExecute(m_conn, strSql.c_str(), &pResult))");
-}
-
-TEST_F(ListTest, StringHashFormMatchesTheJsonForm) {
-    Rows rows;
-    rows.Add("a1", kAlice, 10, Acl("ro"));
-    rows.Add("b1", kBob, 20, Acl("ro"));
-    rows.Add("b2", kBob, 30, Acl("ro"));
-    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
-
-    TRABCSzHash *pHash = TRABCSzHashAlloc(8);
-    TRABCSzHashSetValue(&pHash, "ns", "note");
-    TRABCSzHashSetValue(&pHash, "requester", "1101");
-    TRABCSzHashSetValue(&pHash, "filter", R"({"owner":"bob"})");
-    TRABCSzHashSetValue(&pHash, "field", R"({"text":true})");
-    TRABCSzHashSetValue(&pHash, "offset", "1");
-    TRABCSzHashSetValue(&pHash, "limit", "10");
-    KOLV_VESSA_OBJECT *pHead = nullptr;
-    unsigned total = 0;
-    ASSERT_EQ(1, KOLVVessaObjectList(pHash, &pHead, total)) << kolvtest::StackText();
-    EXPECT_EQ("b1", pHead->get_id());
-    EXPECT_EQ("ro", pHead->get_perm());
-    KOLVVessaObjectFreeList(pHead);
-
-    TRABCSzHashSetValue(&pHash, "requester", "11x");
-    EXPECT_EQ(-1, KOLVVessaObjectList(pHash, &pHead, total));
-    EXPECT_EQ(1007, KOLVVessaErrCodeGet());
-    TRABCSzHashFree(pHash);
-}
-
-TEST_F(ListTest, DeleteRemovesTheRowsOfOneNamespace) {
-    Rows rows;
-    rows.Add("a", kAlice, 1);
-    rows.Add("b", kAlice, 2);
-    rows.Add("c", kAlice, 3);
-    rows.Add("a", kAlice, 4, Acl(nullptr), "todo")->set_id("a-todo");
-    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
-
-    std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
-    Json::Value jDel;
-    jDel["ns"] = "todo";
-    jDel["id"].append("a");
-    ASSERT_TRUE(pBackend->Delete(jDel)) << kolvtest::StackText();
-    jDel["ns"] = "note";
-    jDel["id"].append("b");
-    jDel["id"].append("missing");
-    ASSERT_TRUE(pBackend->Delete(jDel)) << kolvtest::StackText();
-    EXPECT_EQ("a-todo,c", kolvtest::Psql("SELECT string_agg(id, ',' ORDER BY id) FROM object;"));
-
-    jDel["id"] = Json::Value(Json::arrayValue);
-    EXPECT_FAILS(pBackend->Delete(jDel), 1000, "(0 != KOLVDBExecute(m_conn, strSQL.c_str(), NULL))");
 }
 
 } // namespace
