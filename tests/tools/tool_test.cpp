@@ -35,13 +35,11 @@ TEST_F(ToolTest, HelpNamesEveryVerbWithAnExample) {
 }
 
 // Whatever the request, the tool answers with a status and a reason on
-// standard error; it never aborts.
+// standard error; it never aborts. Which requests the library refuses, at
+// every entry: tests/object/object_request_test.cpp.
 TEST_F(ToolTest, HostileRequestsFailCleanly) {
     m_sys.EnableNamespace("note");
     const std::string strDeep = std::string(1500, '[') + std::string(1500, ']');
-    std::string strText;
-    for (int i = 0; i < KOLVVESSA_REQUEST_DEPTH_MAX; ++i)
-        strText = "{\"a\":" + (strText.empty() ? "1" : strText) + "}";
     const struct {
         const char *szVerb;
         std::string strReq;
@@ -51,14 +49,8 @@ TEST_F(ToolTest, HostileRequestsFailCleanly) {
         {"get", "[1,2]", 2, "the request must be a JSON object"},
         {"get", "{\"ns\":", 2, "the request must be a JSON object"},
         {"get", R"({"a":)" + strDeep + "}", 2, "the request must be a JSON object"},
-        {"create", R"({"ns":"note","category":"memo","requester":1101,"text":{"t":)" + strText + "}}", 1,
-         "KOLVVESSA_REQUEST_DEPTH_MAX < kolv::RequestDepth(jParm)"},
         {"get", R"({"ns":"note","id":"1101_A","requester":4294967296})", 1, "!kolv::IsUidValue(jParm[\"requester\"])"},
-        {"copy", R"({"ns":"note","id":"1101_A","requester":-9223372036854775808})", 1,
-         "!kolv::IsUidValue(jParm[\"requester\"])"},
-        {"list", R"({"ns":"note","requester":1101.0})", 1, "!kolv::IsUidValue(jParm[\"requester\"])"},
-        {"create", R"({"ns":"@tmp","category":"memo","requester":1101})", 1,
-         "!kolv::IsNamespaceName(jParm[\"ns\"].asString())"},
+        // The tool's own parser keeps a NUL inside a string.
         {"create", R"({"ns":"note","category":"me\u0000mo","requester":1101})", 1, "kolv::HasNulCharacter(jParm)"},
         {"sharing-set", R"({"ns":"note","owner":"x","enable":0})", 1, "ErrNo=[1007]"},
         {"sharing-set", R"({"ns":"note","owner":4294967296,"enable":0})", 1, "ErrNo=[1007]"},
