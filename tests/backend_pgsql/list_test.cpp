@@ -152,6 +152,18 @@ TEST_F(ListTest, OwnObjectsNewestFirstThenSharedOnesOfOthers) {
     EXPECT_EQ("", List(jParm));
     EXPECT_EQ("a2/owner,a3/owner,a1/owner", List(Request(kAlice)));
     EXPECT_EQ("b2/owner,b1/owner,b3/owner,a3/ro", List(Request(kBob)));
+
+    // The namespace switched off: only the system lists. (Which switch
+    // gives which code: tests/common/conf_test.cpp; a set refused for a NUL
+    // never reaches the index: tests/object/object_request_test.cpp,
+    // tests/index/index_object_test.cpp.)
+    const std::string strAll = List(Request(0));
+    m_sys.WriteSettings(kolvtest::ParseJson(R"({"Access":{"enable":true,"enable_ns_note":false}})"));
+    EXPECT_EQ("ERR", List(Request(kAlice)));
+    EXPECT_TRUE(kolvtest::ErrIs(1012, "!jConf[\"Access\"][szNSKey].asBool()"));
+    EXPECT_NE(std::string::npos,
+              kolvtest::StackText().find("FALSE == KOLVVessaAccessCheck(jParm[\"ns\"].asCString())"));
+    EXPECT_EQ(strAll, List(Request(0)));
 }
 
 TEST_F(ListTest, FieldSelectionChoosesColumnsByKeyNotValue) {

@@ -234,35 +234,4 @@ TEST_F(ObjectRequestTest, BinarySourcesNeedReadPermissionOnTheSourceObject) {
     EXPECT_EQ("bob's secret", Git(obj.get_id(), "show HEAD:binary/" + Enc("secret.bin")));
 }
 
-// Listing reads the index: these need the private server.
-class ObjectListSwitchTest : public kolvtest::SysrootTest {
-  protected:
-    void SetUp() override {
-        if (!kolvtest::HavePostgres()) GTEST_SKIP() << "PGHOST is not set: no PostgreSQL server for the index";
-        kolvtest::DropIndexDatabase();
-        m_sys.EnableNamespace("note");
-    }
-    static int List(unsigned requester) {
-        KOLV_VESSA_OBJECT_LIST list;
-        unsigned total = 0;
-        return list.ListObject(J(R"({"ns":"note","requester":)" + std::to_string(requester) + "}"), total);
-    }
-};
-
-// A set refused for a NUL never reaches the index: it is refused before
-// any write (above), and the index refuses such values itself
-// (tests/index/index_object_test.cpp).
-TEST_F(ObjectListSwitchTest, ListingHonoursTheSwitches) {
-    KOLV_VESSA_OBJECT obj;
-    ASSERT_TRUE(obj.Create(J(R"({"ns":"note","category":"memo","requester":1101,"text":{"t":"one"}})"))) << StackText();
-    ASSERT_EQ(1, List(kolvtest::kAlice)) << StackText();
-    // Which switch gives which code: tests/common/conf_test.cpp.
-    m_sys.WriteSettings(J(R"({"Access":{"enable":true,"enable_ns_note":false}})"));
-    EXPECT_EQ(-1, List(kolvtest::kAlice));
-    EXPECT_TRUE(ErrIs(1012, "!jConf[\"Access\"][szNSKey].asBool()"));
-    EXPECT_NE(std::string::npos, StackText().find("FALSE == KOLVVessaAccessCheck(jParm[\"ns\"].asCString())"));
-    // The system lists whatever the switches say.
-    EXPECT_EQ(1, List(0)) << StackText();
-}
-
 } // namespace
