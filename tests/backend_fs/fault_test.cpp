@@ -1,9 +1,9 @@
 /*
  * Failures injected through the platform's fault point at every call in
- * turn: create, set and copy through the object interface must fail
- * cleanly at each one, leaving the object whole at its old or its new
- * version, no temporary or scratch file behind, and the index row old or
- * new.
+ * turn: create, set, copy, field rename, version listing and delete through
+ * the object interface must fail cleanly at each one, leaving the object
+ * whole at its old or its new version (or names), no temporary or scratch
+ * file behind, and the index row old or new.
  */
 #include <stdlib.h>
 
@@ -40,6 +40,17 @@ Json::Value Content(const Json::Value &jSnap) {
     j["metatext"] = jSnap["metatext"];
     j["bin"] = jSnap["binary_info"].get(kName, Json::Value())["md5"];
     j["mbin"] = jSnap["metabinary_info"].get(kMetaName, Json::Value())["md5"];
+    return j;
+}
+
+/* Names and content: texts, and the md5 of each file under its name. */
+Json::Value Shape(const Json::Value &jSnap) {
+    Json::Value j;
+    j["text"] = jSnap["text"];
+    j["metatext"] = jSnap["metatext"];
+    for (const std::string strPart : {"binary", "metabinary"})
+        for (const std::string &strName : jSnap[strPart + "_info"].getMemberNames())
+            j[strPart][strName] = jSnap[strPart + "_info"][strName]["md5"];
     return j;
 }
 
@@ -290,6 +301,99 @@ TEST_F(FaultTest, EveryFailedCallLeavesTheObjectWholeAndNoTrace) {
             before = now;
         });
     EXPECT_GT(cCopy, 10);
+}
+
+TEST_F(FaultTest, AFailedRenameListingOrDeleteLeavesTheObjectWholeAtItsOldNames) {
+    const std::string strID = KOLVVessaObjectGenerateID(kolvtest::kAlice);
+    ASSERT_TRUE(CreateWith(strID, "tbmM", 0)) << StackText();
+    long long mtime = time(NULL);
+    auto rename = [&](const char *szSegment, const char *szOld, const char *szNew) {
+        Json::Value j = GetParm(strID, kolvtest::kAlice);
+        j["segment"] = szSegment;
+        j["old_field"] = szOld;
+        j["new_field"] = szNew;
+        j["version"] = Read(strID)["version"];
+        j["mtime"] = static_cast<Json::Int64>(++mtime);
+        KOLV_VESSA_OBJECT obj;
+        return obj.FieldRename(j);
+    };
+    // Each segment: renamed (and put back for the next fault point), or
+    // whole under its old names; the index row old or new.
+    const char *const rgRename[][3] = {
+        {"text", "t", "u"}, {"binary", kName, "c.bin"}, {"metatext", "m", "k"}, {"metabinary", kMetaName, "mc"}};
+    Json::Value jBefore, jRowBefore;
+    for (const auto &r : rgRename) {
+        long cRename = EveryFault((std::string("rename ") + r[0]).c_str(),
+                                  [&](long) {
+                                      jBefore = Read(strID);
+                                      jRowBefore = Row(strID);
+                                  },
+                                  [&](long) { return rename(r[0], r[1], r[2]); },
+                                  [&](bool blOk, long) {
+                                      Json::Value jNow = Read(strID), jDone = Shape(jBefore);
+                                      ASSERT_FALSE(jNow.isNull()) << "unreadable after rename: " << StackText();
+                                      jDone[r[0]][r[2]] = jDone[r[0]][r[1]];
+                                      jDone[r[0]].removeMember(r[1]);
+                                      bool blDone = Shape(jNow) == jDone;
+                                      EXPECT_TRUE(blDone || Shape(jNow) == Shape(jBefore))
+                                          << "before " << jBefore << "\nnow " << jNow;
+                                      if (blOk) {
+                                          EXPECT_TRUE(blDone) << jNow;
+                                      }
+                                      Json::Value jRow = Row(strID);
+                                      EXPECT_TRUE(jRow == jRowBefore || jRow == jNow)
+                                          << "row " << jRow << "\nnow " << jNow;
+                                      if (blDone) {
+                                          ASSERT_TRUE(rename(r[0], r[2], r[1])) << StackText();
+                                      }
+                                  });
+        EXPECT_GT(cRename, 10) << r[0];
+        if (HasFailure()) return;
+    }
+
+    // A version listing: every version, or a failure and no chain.
+    KOLV_VESSA_OBJECT_VERSION *pHead = NULL;
+    unsigned total = 0, listable = 0;
+    const int cVersions = KOLVVessaObjectVersionList(GetParm(strID, kolvtest::kAlice), &pHead, total, listable);
+    KOLVVessaObjectVersionFreeList(pHead);
+    ASSERT_LT(1, cVersions) << StackText();
+    int count = 0, cChain = 0;
+    long cList = EveryFault(
+        "version list", [](long) {},
+        [&](long) {
+            pHead = NULL;
+            count = KOLVVessaObjectVersionList(GetParm(strID, kolvtest::kAlice), &pHead, total, listable);
+            cChain = 0;
+            for (KOLV_VESSA_OBJECT_VERSION *p = pHead; p; p = p->m_next)
+                ++cChain;
+            KOLVVessaObjectVersionFreeList(pHead);
+            return 0 <= count;
+        },
+        [&](bool blOk, long) { EXPECT_EQ(blOk ? cVersions : 0, cChain) << count; });
+    EXPECT_GT(cList, 1);
+
+    // A delete: the folder gone, or the object whole (made again for the
+    // next fault point).
+    long cDelete = EveryFault(
+        "delete",
+        [&](long) {
+            if (!stdfs::exists(stdfs::symlink_status(NsDir() + "/" + strID))) {
+                ASSERT_TRUE(CreateWith(strID, "tbmM", 0)) << StackText();
+            }
+            jBefore = Read(strID);
+        },
+        [&](long) {
+            KOLV_VESSA_OBJECT obj;
+            return obj.Delete(GetParm(strID, kolvtest::kAlice));
+        },
+        [&](bool blOk, long) {
+            bool blGone = !stdfs::exists(stdfs::symlink_status(NsDir() + "/" + strID));
+            EXPECT_TRUE(blGone || Shape(Read(strID)) == Shape(jBefore)) << Read(strID);
+            if (blOk) {
+                EXPECT_TRUE(blGone);
+            }
+        });
+    EXPECT_GT(cDelete, 2);
 }
 
 } // namespace

@@ -3,15 +3,14 @@
  * on objects made through the object interface: a rename makes a version
  * with only the new name and never replaces a name, a delete removes the
  * object's folder and nothing its links point at, a writer racing a
- * delete never leaves half a folder, and a failure at any fault point
- * leaves the object whole under its old names or done.
+ * delete never leaves half a folder. (A failure at any fault point:
+ * tests/backend_fs/fault_test.cpp.)
  */
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <sstream>
 
 #include "backend_fs/kolvvessaBackend_fs.h"
@@ -271,67 +270,6 @@ TEST_F(RenameDeleteTest, AWriterThatWaitedForADeleteFailsAndMakesNothing) {
         EXPECT_TRUE(WIFEXITED(status) && 0 == WEXITSTATUS(status)) << (op ? "rename" : "set");
         EXPECT_FALSE(stdfs::exists(stdfs::symlink_status(strDir)));
         stdfs::remove_all(strHidden);
-    }
-}
-
-TEST_F(RenameDeleteTest, AFaultAtAnyStepLeavesTheObjectWholeOrDone) {
-    struct Step {
-        const char *szWhat;
-        std::function<bool(std::string &)> op, undo;
-        std::function<bool(const Json::Value &)> done;
-    };
-    const Json::Value j0 = Read();
-    auto renamed = [&](const char *szPart, const char *szOld, const char *szNew) {
-        return [=](const Json::Value &j) {
-            Json::Value jWant = j0;
-            jWant[szPart][szNew] = j0[szPart][szOld];
-            jWant[szPart].removeMember(szOld);
-            return jWant[szPart] == j[szPart];
-        };
-    };
-    const Step rgStep[] = {
-        {"text", [&](std::string &v) { return Rename("text", "a", "c", v); },
-         [&](std::string &v) { return Rename("text", "c", "a", v); }, renamed("text", "a", "c")},
-        {"binary", [&](std::string &v) { return Rename("binary", "f.bin", "g.bin", v); },
-         [&](std::string &v) { return Rename("binary", "g.bin", "f.bin", v); },
-         renamed("binary_info", "f.bin", "g.bin")},
-        {"metatext", [&](std::string &v) { return Rename("metatext", "m", "k", v, time(NULL)); },
-         [&](std::string &v) { return Rename("metatext", "k", "m", v, time(NULL)); }, renamed("metatext", "m", "k")},
-        {"metabinary", [&](std::string &v) { return Rename("metabinary", "mb", "mc", v); },
-         [&](std::string &v) { return Rename("metabinary", "mc", "mb", v); }, renamed("metabinary_info", "mb", "mc")},
-        {"delete", [&](std::string &) { return Delete(); },
-         [&](std::string &) { return !(m_strID = Create(kAlice, m_jCreate)).empty(); },
-         [&](const Json::Value &) { return !stdfs::exists(ObjectDir(m_strID)); }},
-    };
-    for (const Step &step : rgStep) {
-        long n = 1;
-        for (; n < 2000 && !HasFailure(); ++n) {
-            SCOPED_TRACE(std::string(step.szWhat) + " with a fault at check " + std::to_string(n));
-            std::string strVer = Read()["version"].asString();
-            KOLVFaultArm(n);
-            bool blOk = step.op(strVer);
-            bool blFired = TRUE == KOLVFaultFired();
-            KOLVFaultArm(0);
-            if (!blOk) {
-                EXPECT_NE(0, KOLVVessaErrCodeGet());
-            }
-            Json::Value jNow = Read();
-            bool blDone = step.done(jNow);
-            if (blOk || !blFired) {
-                EXPECT_TRUE(blDone && blOk) << StackText();
-            }
-            // Whole at its old names: everything but the version as before.
-            Json::Value jOld = jNow;
-            jOld["version"] = j0["version"];
-            EXPECT_TRUE(blDone || jOld == j0) << jNow;
-            EXPECT_EQ(std::vector<std::string>(), Hidden());
-            if (blDone) {
-                strVer = jNow["version"].asString();
-                ASSERT_TRUE(step.undo(strVer)) << StackText();
-            }
-            if (!blFired) break;
-        }
-        EXPECT_GT(n, 2) << step.szWhat;
     }
 }
 

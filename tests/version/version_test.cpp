@@ -204,29 +204,7 @@ TEST_F(VersionOpsTest, ARequesterWhoCannotReadTheObjectSeesNoVersion) {
     EXPECT_TRUE(kolvtest::ErrIs(1007, "!kolv::IsSafePathName(jParm[\"id\"].asString())"));
 }
 
-TEST_F(VersionOpsTest, AFaultAnywhereInAListingFailsWholeAndLeavesNoChain) {
-    long n = 1;
-    for (; n < 2000; ++n) {
-        std::vector<std::string> vVers;
-        std::vector<long> vTimes;
-        KOLVFaultArm(n);
-        int count = List(GetParm(m_id, kAlice), vVers, vTimes);
-        bool blFired = TRUE == KOLVFaultFired();
-        KOLVFaultArm(0);
-        SCOPED_TRACE("fault at check " + std::to_string(n));
-        if (0 > count) {
-            EXPECT_NE(0, KOLVVessaErrCodeGet());
-        }
-        if (!blFired) {
-            EXPECT_EQ(4, count) << StackText();
-            break;
-        }
-        if (0 <= count) {
-            EXPECT_EQ(4, count);
-        }
-    }
-    EXPECT_LT(1, n); // at least one check was failed
-}
+// A fault at any step of a listing: tests/backend_fs/fault_test.cpp.
 
 TEST(VersionAccessors, ReportBadArgumentsOnThePlatformStackAndTruncate) {
     KOLV_VESSA_OBJECT_VERSION ver;
