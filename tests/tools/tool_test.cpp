@@ -107,27 +107,9 @@ TEST_F(ToolTest, SettingsVerbsWriteTheSettingsFile) {
     EXPECT_FALSE(ParseJson(strOut)["enabled"].asBool());
 }
 
-TEST_F(ToolTest, ListAndReindexAgainstTheIndex) {
-    if (!kolvtest::HavePostgres()) GTEST_SKIP() << "no PostgreSQL server (PGHOST unset)";
-    kolvtest::DropIndexDatabase();
-    m_sys.EnableNamespace("note");
-    std::string strOut;
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(0, Tool("create",
-                          R"({"ns":"note","category":"memo","requester":1101,"mtime":)" + std::to_string(1000 + i) +
-                              R"(,"text":{"n":)" + std::to_string(i) + "}}",
-                          &strOut));
-    }
-    ASSERT_EQ(0, Tool("list", R"({"ns":"note","requester":1101,"field":{"text":true}})", &strOut));
-    Json::Value jList = ParseJson(strOut);
-    EXPECT_EQ(3, jList["count"].asInt());
-    EXPECT_EQ(2, jList["objects"][0]["text"]["n"].asInt()); // newest first
-    ASSERT_EQ(0, Tool("reindex", R"({"ns":"note"})", &strOut));
-    EXPECT_EQ("3", kolvtest::Psql("SELECT count(*) FROM object WHERE ns = 'note'"));
-}
-
-// A note's history through the tool: versions, one older version, a diff,
-// a rename, then the notebook deleted with everything below it.
+// A notebook and a note through the tool: listed and reindexed, the
+// note's versions, one older version, a diff, a rename, then the notebook
+// deleted with everything below it.
 TEST_F(ToolTest, HistoryRenameAndRecursiveDelete) {
     if (!kolvtest::HavePostgres()) GTEST_SKIP() << "no PostgreSQL server (PGHOST unset)";
     kolvtest::DropIndexDatabase();
@@ -140,6 +122,13 @@ TEST_F(ToolTest, HistoryRenameAndRecursiveDelete) {
                           R"(","mtime":7,"text":{"title":"a","body":"b"}})",
                       &strOut));
     Json::Value jNote = ParseJson(strOut);
+    ASSERT_EQ(0, Tool("list", R"({"ns":"note","requester":1101,"field":{"text":true}})", &strOut));
+    Json::Value jList = ParseJson(strOut);
+    EXPECT_EQ(2, jList["count"].asInt());
+    EXPECT_EQ("a", jList["objects"][1]["text"]["title"].asString()); // newest first: the book, made now
+    kolvtest::Psql("DELETE FROM object");
+    ASSERT_EQ(0, Tool("reindex", R"({"ns":"note"})", &strOut));
+    EXPECT_EQ("2", kolvtest::Psql("SELECT count(*) FROM object WHERE ns = 'note'"));
     const std::string strHead = R"({"ns":"note","id":")" + jNote["id"].asString() + R"(","requester":1101)";
     const std::string strV1 = jNote["version"].asString();
     // Versions of one second still list newest first: by their parents,
