@@ -157,6 +157,21 @@ class KOLV_EXPORT KOLV_VESSA_OBJECT {
      *   the codes of the access and id checks, of reading the object and
      *   of the two stores, appended to. */
     bool Delete(const Json::Value &jParm);
+    /* Writes one binary file of an object as a CGI response on standard
+     * output ({"ns", "id", "segment" ("binary" or "metabinary"), "field",
+     * "format" ("base64" or "raw"), "requester", "version"? (an older
+     * version's file), "filename"? (the name offered), "mode"?
+     * ("download": an attachment), "HTTP_IF_NONE_MATCH"? (the client's
+     * tag: 304 and no body when it matches)}). Any permission the
+     * requester has on the object, "ro" included, allows it. Nothing is
+     * printed when the call fails before the file is open. Returns true,
+     * or false with:
+     *   1007 a malformed record;
+     *   1010 no file backend;
+     *   the codes of reading the object for the requester (access,
+     *   sharing, permission), and of the file store (1008 for a missing
+     *   version or field), appended to. */
+    bool Download(const Json::Value &jParm);
     /* Renames one field of an object and leaves it, as read back, in this
      * object ({"ns", "id", "requester", "segment" ("text", "binary",
      * "metatext" or "metabinary"), "old_field", "new_field", "version"
@@ -257,6 +272,14 @@ KOLV_EXPORT bool KOLVVessaObjectDelete(TRABSZHASH *pParmHash);
  * the codes of KOLV_VESSA_OBJECT::FieldRename with
  * "!KOLV_VESSA_OBJECT::FieldRename(jParm, strNewVer)" appended. */
 KOLV_EXPORT bool KOLVVessaObjectFieldRename(TRABSZHASH *pParmHash, std::string &strNewVer);
+/* Downloads a binary file of an object ("ns", "id", "segment", "field",
+ * "format", "requester" required; "version", "mode", "filename",
+ * "HTTP_IF_NONE_MATCH" optional, as KOLV_VESSA_OBJECT::Download reads
+ * them). 1015 for a NULL hash, 1007 for a missing key or a requester
+ * with trailing characters; otherwise the codes of
+ * KOLV_VESSA_OBJECT::Download with "!KOLV_VESSA_OBJECT::Download(jParm)"
+ * appended. */
+KOLV_EXPORT bool KOLVVessaObjectDownload(TRABSZHASH *pParmHash);
 
 #include "kolvvessaobjectgetter.h"
 #include "kolvvessaobjectsetter.h"

@@ -137,15 +137,11 @@ bool KOLVVESSA_BACKEND_FS::Get(const Json::Value &jParm, KOLV_VESSA_OBJECT *pObj
     });
 }
 
-// The operations below are not available in the file store yet. They fail
-// with 1000 and say so; none of them may pretend to have worked.
+// Listing is the index's: the file store fails it with 1000 and says so,
+// never pretending to have worked.
 
 int KOLVVESSA_BACKEND_FS::List(const Json::Value &, KOLV_VESSA_OBJECT **, unsigned int &) {
     KOLV_FAIL_FMT(1000, "file-store listing is not available yet");
     return -1;
 }
 
-bool KOLVVESSA_BACKEND_FS::Download(const Json::Value &) {
-    KOLV_FAIL_FMT(1000, "file-store download is not available yet");
-    return false;
-}

@@ -8,8 +8,9 @@
  * utils.cpp (mf_init, path info, field selection, directory readers),
  * meta.cpp (the JSON files and their merge), metabinary.cpp (the meta
  * binary store), git.cpp (versions: write, read, list, diff),
- * binary.cpp (a version's files on disk), rename.cpp (field rename) and
- * delete.cpp (object delete).
+ * binary.cpp (a version's files on disk), rename.cpp (field rename),
+ * delete.cpp (object delete) and download.cpp (a binary file as a CGI
+ * response).
  */
 #ifndef KOLVVESSA_BACKEND_FS_H
 #define KOLVVESSA_BACKEND_FS_H
@@ -36,6 +37,15 @@ class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
 
     bool Get(const Json::Value &jParm, KOLV_VESSA_OBJECT *pObject) override;
     int List(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, unsigned int &total) override;
+    /* Writes one binary file ("segment" "binary": of the latest or the
+     * request's "version"; "metabinary") as a CGI response on standard
+     * output, "format" "base64" or "raw", with an ETag and a one-day
+     * expiry; 304 when "HTTP_IF_NONE_MATCH" is the tag. Nothing is printed
+     * before the file and its info record are found and opened: 1008 for
+     * a missing file, 1002/1003 for one that cannot be opened or read
+     * (a link, a FIFO), the version store's codes for a missing version.
+     * An unknown segment or format is logged and fails without a code
+     * (download.cpp). */
     bool Download(const Json::Value &jParm) override;
     bool Set(const Json::Value &jParm, std::string &strNewVer) override;
     /* Renames "old_field" to "new_field" in "segment" under the object's
@@ -63,6 +73,15 @@ class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
      * folder "@tmp", not hidden) and its id not a hidden folder (a create
      * or delete in progress); 1007 otherwise (delete.cpp). */
     bool mf_CheckObjectPlace();
+
+    // ---- download (download.cpp) ----
+    bool mf_DownloadVersionBinary();
+    bool mf_DownloadMetaBinary();
+    /* Prints the file "field" of strBinaryDir, its info record read from
+     * strBinaryInfoDir. pLock, when given, is the object's shared lock,
+     * released once the file is read or open. */
+    bool mf_DownloadBinaryByDir(const std::string &strBinaryDir, const std::string &strBinaryInfoDir,
+                                kolv::ObjectLock *pLock = NULL);
 
     // ---- field rename (rename.cpp) ----
     bool mf_RenameGitField(std::string &strNewVer);
