@@ -144,4 +144,3 @@ int KOLVVESSA_BACKEND_FS::List(const Json::Value &, KOLV_VESSA_OBJECT **, unsign
     KOLV_FAIL_FMT(1000, "file-store listing is not available yet");
     return -1;
 }
-
