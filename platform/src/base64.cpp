@@ -1,16 +1,18 @@
 /*
- * Standard base64 (RFC 4648: A-Z a-z 0-9 + /, "=" padding). With line
- * breaks, the encoder ends a line every 76 characters (MIME) with "\n";
- * the decoder skips "\r" and "\n".
+ * Standard base64 (RFC 4648: A-Z a-z 0-9 + /, "=" padding), encoded by
+ * OpenSSL. With line breaks, the encoder ends a line every 76 characters
+ * (MIME) with "\n"; the decoder skips "\r" and "\n".
  */
+#include <openssl/evp.h>
 #include <string.h>
 
 #include "kolvplatform/kolv_platform.h"
 
 namespace {
 
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr size_t kLine = 76;
+// A multiple of 3 below INT_MAX, the most EVP_EncodeBlock takes at once.
+constexpr size_t kMaxBlock = (size_t)3 << 28;
 
 /* The 6-bit value of c, -1 for any other character. */
 int Value(unsigned char c) {
@@ -31,36 +33,14 @@ BOOL SzBase64EncodeFull(const unsigned char *szIn, size_t cbIn, char *szOut, siz
     size_t cbText = (cbIn + 2) / 3 * 4;
     size_t cbBreaks = blLineBreak && cbText ? (cbText - 1) / kLine : 0;
     if (cbOut < cbText + cbBreaks + 1) return FALSE;
+    // OpenSSL encodes whole blocks without breaks: one line's worth of
+    // bytes at a time with breaks, else blocks as large as it takes.
+    const size_t cbBlock = blLineBreak ? kLine / 4 * 3 : kMaxBlock;
     char *p = szOut;
-    size_t nOnLine = 0;
-    auto put = [&](char c) {
-        if (blLineBreak && nOnLine == kLine) {
-            *p++ = '\n';
-            nOnLine = 0;
-        }
-        *p++ = c;
-        ++nOnLine;
-    };
-    size_t i = 0;
-    for (; i + 3 <= cbIn; i += 3) {
-        unsigned v = (unsigned)szIn[i] << 16 | (unsigned)szIn[i + 1] << 8 | szIn[i + 2];
-        put(kAlphabet[v >> 18 & 63]);
-        put(kAlphabet[v >> 12 & 63]);
-        put(kAlphabet[v >> 6 & 63]);
-        put(kAlphabet[v & 63]);
-    }
-    if (cbIn - i == 1) {
-        unsigned v = (unsigned)szIn[i] << 16;
-        put(kAlphabet[v >> 18 & 63]);
-        put(kAlphabet[v >> 12 & 63]);
-        put('=');
-        put('=');
-    } else if (cbIn - i == 2) {
-        unsigned v = (unsigned)szIn[i] << 16 | (unsigned)szIn[i + 1] << 8;
-        put(kAlphabet[v >> 18 & 63]);
-        put(kAlphabet[v >> 12 & 63]);
-        put(kAlphabet[v >> 6 & 63]);
-        put('=');
+    for (size_t i = 0; i < cbIn; i += cbBlock) {
+        if (i && blLineBreak) *p++ = '\n';
+        size_t n = cbIn - i < cbBlock ? cbIn - i : cbBlock;
+        p += EVP_EncodeBlock(reinterpret_cast<unsigned char *>(p), szIn + i, static_cast<int>(n));
     }
     *p = '\0';
     return TRUE;
