@@ -227,11 +227,11 @@ bool KOLVVESSA_BACKEND_FS::mf_DownloadBinaryByDir(const std::string &strBinaryDi
     const std::string strMd5 = jInfo["md5"].asString();
     if (KOLV_FAIL_IF(1003, !IsMd5Text(strMd5))) return false;
     const std::string strFormat = m_jParm["format"].asString();
-    const bool blNotModified = m_jParm.isMember("HTTP_IF_NONE_MATCH");
+    const bool blHasTag = m_jParm.isMember("HTTP_IF_NONE_MATCH");
     std::string strETag;
     if ("base64" == strFormat) {
         strETag = strMd5;
-        if (blNotModified && m_jParm["HTTP_IF_NONE_MATCH"].asString() == strETag) return PrintNotModified();
+        if (blHasTag && m_jParm["HTTP_IF_NONE_MATCH"].asString() == strETag) return PrintNotModified();
         if (KOLV_APPEND_IF(!OpenBinaryAndPrint(true, strBinaryFilePath, strFileName, strETag, blDownload, pLock)))
             return false;
         return true;
@@ -239,7 +239,7 @@ bool KOLVVESSA_BACKEND_FS::mf_DownloadBinaryByDir(const std::string &strBinaryDi
     if ("raw" == strFormat) {
         // Never the base64 form's tag: the two bodies differ.
         strETag = strMd5 + "raw";
-        if (blNotModified && m_jParm["HTTP_IF_NONE_MATCH"].asString() == strETag) return PrintNotModified();
+        if (blHasTag && m_jParm["HTTP_IF_NONE_MATCH"].asString() == strETag) return PrintNotModified();
         if (KOLV_APPEND_IF(!OpenBinaryAndPrint(false, strBinaryFilePath, strFileName, strETag, blDownload, pLock)))
             return false;
         return true;
