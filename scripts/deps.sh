@@ -2,7 +2,7 @@
 # Installs the Debian packages the build, the tests and the demo need, when
 # any is missing. Source it: it defines need_packages.
 KOLV_PACKAGES=(build-essential cmake pkg-config ccache libjsoncpp-dev libgit2-dev libssl-dev libpq-dev
-    postgresql libgtest-dev libbenchmark-dev git media-types)
+    postgresql libgtest-dev libbenchmark-dev git media-types lighttpd curl time)
 
 need_packages() {
     local missing=() pkg
