@@ -71,13 +71,13 @@ int WriteOut(const char *p, size_t cb) {
     return 0;
 }
 
-/* Streams the first cbFile bytes of fd in fixed chunks; fails if the file
- * ends early (the length was already promised). */
-int StreamBody(int fd, off_t cbFile) {
+/* Streams cb bytes of fd from off in fixed chunks; fails if the file ends
+ * early (the length was already promised). */
+int StreamBody(int fd, off_t off, off_t cb) {
     std::vector<char> vecBuf(kChunk);
-    off_t off = 0;
-    while (off < cbFile) {
-        size_t cbWant = static_cast<size_t>(std::min<off_t>(cbFile - off, static_cast<off_t>(kChunk)));
+    const off_t offEnd = off + cb;
+    while (off < offEnd) {
+        size_t cbWant = static_cast<size_t>(std::min<off_t>(offEnd - off, static_cast<off_t>(kChunk)));
         ssize_t n = pread(fd, vecBuf.data(), cbWant, off);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
@@ -120,22 +120,33 @@ int HTTPFileOutputer::Output(const char *szPath, const char *szMimeType) {
 }
 
 int HTTPFileOutputer::Output(int fd, const char *szMimeType) {
+    return Output(fd, szMimeType, 0, -1, true, NULL);
+}
+
+int HTTPFileOutputer::Output(int fd, const char *szMimeType, long long offset, long long length, bool blBody,
+                             const char *szExtraLines) {
     struct stat st;
     if (fd < 0 || fstat(fd, &st) != 0) {
         if (fd < 0) errno = EBADF;
         return -1;
     }
-    if (!S_ISREG(st.st_mode)) {
+    const long long cbFile = static_cast<long long>(st.st_size);
+    if (length < 0 && offset >= 0 && offset <= cbFile) length = cbFile - offset;
+    // Written so that no sum can overflow.
+    if (!S_ISREG(st.st_mode) || offset < 0 || offset > cbFile || length < 0 || length > cbFile - offset) {
         errno = EINVAL;
         return -1;
     }
     std::string strHead = "Content-Type: ";
     strHead += szMimeType && *szMimeType ? szMimeType : kDefaultMime;
-    strHead += "\r\nContent-Length: " + std::to_string(static_cast<long long>(st.st_size)) + "\r\n\r\n";
+    strHead += "\r\nContent-Length: " + std::to_string(length) + "\r\n";
+    if (szExtraLines) strHead += szExtraLines;
+    strHead += "\r\n";
     // Whatever the caller printed through stdio goes out first.
     fflush(stdout);
     if (WriteOut(strHead.data(), strHead.size()) != 0) return -1;
-    return StreamBody(fd, st.st_size);
+    if (!blBody) return 0;
+    return StreamBody(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
 }
 
 std::string KOLV::WebAPIUtil::URLEncode(const std::string &str) {

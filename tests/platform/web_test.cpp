@@ -65,6 +65,21 @@ TEST_F(PlatformWeb, OutputStreamsHeadersAndExactBytes) {
     EXPECT_TRUE(strOut == strHead + strBig);
     EXPECT_EQ(0, close(fd));
 
+    // A slice across chunk borders with the caller's lines; head-only;
+    // a slice past the end prints nothing.
+    fd = open(Tmp("big").c_str(), O_RDONLY);
+    ASSERT_EQ(0, Captured([&] { return m_out.Output(fd, "a/b", 65535, 65538, true, "X: 2\r\n"); }, &strOut));
+    EXPECT_TRUE(strOut == "Content-Type: a/b\r\nContent-Length: 65538\r\nX: 2\r\n\r\n" + strBig.substr(65535, 65538));
+    ASSERT_EQ(0, Captured([&] { return m_out.Output(fd, "a/b", 196608, -1, true, NULL); }, &strOut));
+    EXPECT_TRUE(strOut == "Content-Type: a/b\r\nContent-Length: 1\r\n\r\n" + strBig.substr(196608));
+    ASSERT_EQ(0, Captured([&] { return m_out.Output(fd, "a/b", 0, -1, false, NULL); }, &strOut));
+    EXPECT_EQ(strHead, strOut);
+    for (auto range : {std::make_pair(196609LL, 1LL), {1LL, 196609LL}, {-1LL, 1LL}, {1LL, 0x7fffffffffffffffLL}}) {
+        EXPECT_GT(0, Captured([&] { return m_out.Output(fd, "a/b", range.first, range.second, true, NULL); }, &strOut));
+        EXPECT_EQ("", strOut) << range.first;
+    }
+    EXPECT_EQ(0, close(fd));
+
     // A write failing mid-body is reported.
     KOLVFaultArm(3);
     EXPECT_GT(0, Captured([&] { return m_out.Output(Tmp("big").c_str(), "a/b"); }, &strOut));

@@ -25,6 +25,14 @@ class KOLV_PLATFORM_API HTTPFileOutputer {
     /* The same from a descriptor the caller opened (the library opens store files link-safely itself);
      * does not close it; reads from offset 0 with pread, whatever the descriptor's offset. */
     int Output(int fd, const char *szMimeType);
+    /* A slice of the file from a descriptor, for ranged and head-only answers: "Content-Type: <mime>\r\n",
+     * "Content-Length: <length>\r\n", then szExtraLines as given (whole header lines, each ended by CR LF;
+     * NULL or "" for none), the empty line, and with blBody the length bytes from offset, streamed like the
+     * whole file (pread, fixed chunks). A negative length means up to the end of the file. Returns 0, or
+     * negative when fd is not a regular file or the slice does not lie within the file (then nothing is
+     * printed, errno EINVAL) or a write fails. */
+    int Output(int fd, const char *szMimeType, long long offset, long long length, bool blBody,
+               const char *szExtraLines);
 };
 
 namespace KOLV {
