@@ -6,6 +6,12 @@
  * two encodings of one file never share a tag); a client that sends the
  * tag back gets "304 Not Modified" and no body.
  *
+ * Beyond that: If-None-Match is read as the list of tags it may be (bare,
+ * quoted, weak or "*"); raw answers serve one byte range ("206", or "416"
+ * when it lies past the end; several ranges or a malformed header get the
+ * whole file); a HEAD request gets the headers alone; the offered name is
+ * escaped in its quotes and, when not ASCII, offered again in UTF-8.
+ *
  * The object's folders belong to its owner, who can plant links, FIFOs or
  * forged info records in them, while this runs as root for whoever may
  * read the object. So every file of the store is opened link-safely
@@ -18,6 +24,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
+#include <strings.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -26,6 +33,7 @@
 
 #include <kolvplatform/kolv_web.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -51,14 +59,35 @@ std::string ExpiresText() {
     return szBuf;
 }
 
+/* The name between the quotes of filename="...": quote and backslash
+ * escaped, so the name cannot close the quoted text early. */
+std::string QuotedName(const std::string &str) {
+    std::string strOut;
+    for (char c : str) {
+        if ('"' == c || '\\' == c) strOut += '\\';
+        strOut += c;
+    }
+    return strOut;
+}
+
+bool HasNonAscii(const std::string &str) {
+    for (unsigned char c : str)
+        if (c >= 0x80) return true;
+    return false;
+}
+
 /* The attachment line. Old browsers of one maker read the name in the
  * page's encoding unless it is URL-encoded; every other agent, and a
- * request without one, gets the name as it is. */
+ * request without one, gets the name as it is (escaped). A name beyond
+ * ASCII is offered again percent-encoded as UTF-8 (filename*), which
+ * agents that know the form prefer. */
 void PrintDisposition(const std::string &strFileName) {
     const char *szAgent = getenv("HTTP_USER_AGENT");
     bool blEncode = szAgent && (strstr(szAgent, "MSIE") || strstr(szAgent, "Trident/7"));
-    std::string strName = blEncode ? KOLV::WebAPIUtil::URLEncode(strFileName) : strFileName;
-    printf("Content-Disposition:attachment; filename=\"%s\"\r\n", strName.c_str());
+    std::string strName = blEncode ? KOLV::WebAPIUtil::URLEncode(strFileName) : QuotedName(strFileName);
+    printf("Content-Disposition:attachment; filename=\"%s\"", strName.c_str());
+    if (HasNonAscii(strFileName)) printf("; filename*=UTF-8''%s", KOLV::WebAPIUtil::URLEncode(strFileName).c_str());
+    printf("\r\n");
 }
 
 /* A text that may stand in a header line: no control character, so a name
@@ -79,9 +108,100 @@ bool IsMd5Text(const std::string &str) {
     return true;
 }
 
+/* Space and tab off both ends. */
+std::string TrimOws(const std::string &str) {
+    size_t posBegin = str.find_first_not_of(" \t");
+    if (std::string::npos == posBegin) return "";
+    return str.substr(posBegin, str.find_last_not_of(" \t") - posBegin + 1);
+}
+
+/* Whether the client's If-None-Match names this answer's tag: "*", or an
+ * entry of its comma-separated list, bare, quoted or weak (W/"..."); a
+ * cache revalidating compares weakly. */
+bool TagMatches(const std::string &strHeader, const std::string &strETag) {
+    size_t pos = 0;
+    while (pos <= strHeader.size()) {
+        size_t posComma = std::min(strHeader.find(',', pos), strHeader.size());
+        std::string strItem = TrimOws(strHeader.substr(pos, posComma - pos));
+        if ("*" == strItem) return true;
+        if (0 == strItem.compare(0, 2, "W/")) strItem.erase(0, 2);
+        if (strItem.size() >= 2 && '"' == strItem.front() && '"' == strItem.back())
+            strItem = strItem.substr(1, strItem.size() - 2);
+        if (strItem == strETag) return true;
+        pos = posComma + 1;
+    }
+    return false;
+}
+
+/* What the request adds to printing a file: whether a body is wanted (not
+ * for HEAD), the Range header (raw only), and the object's lock, released
+ * once the file is read or open. */
+struct PrintRequest {
+    bool blBody;
+    std::string strRange;
+    kolv::ObjectLock *pLock;
+};
+
+/* The part of the file a raw answer sends. */
+struct ByteRange {
+    bool blPartial = false;       // 206 with Content-Range
+    bool blUnsatisfiable = false; // 416
+    long long first = 0;
+    long long length = -1; // -1: to the end
+};
+
+/* A position: digits only, at least one; a value past the type's range
+ * saturates (a last position that large means the end). */
+bool ParsePos(const std::string &str, long long &n) {
+    if (str.empty()) return false;
+    n = 0;
+    for (char c : str) {
+        if (!isdigit((unsigned char)c)) return false;
+        int d = c - '0';
+        n = n > (LLONG_MAX - d) / 10 ? LLONG_MAX : n * 10 + d;
+    }
+    return true;
+}
+
+/* One range of "bytes=a-b", "bytes=a-" or "bytes=-n" against a file of
+ * cbFile bytes. Anything else (another unit, several ranges, a-b with b
+ * before a, no header) is ignored: the whole file. */
+ByteRange ParseRange(const std::string &strHeader, long long cbFile) {
+    ByteRange whole, range, none;
+    none.blUnsatisfiable = true;
+    if (0 != strncasecmp(strHeader.c_str(), "bytes=", 6)) return whole;
+    const std::string strSet = strHeader.substr(6);
+    const size_t posDash = strSet.find('-');
+    if (std::string::npos == posDash) return whole;
+    const std::string strFirst = strSet.substr(0, posDash), strLast = strSet.substr(posDash + 1);
+    long long first = 0, last = 0;
+    if (strFirst.empty()) {
+        if (!ParsePos(strLast, last)) return whole;
+        if (0 == last || 0 == cbFile) return none;
+        range.first = cbFile - std::min(last, cbFile);
+    } else {
+        if (!ParsePos(strFirst, first)) return whole;
+        if (!strLast.empty() && (!ParsePos(strLast, last) || last < first)) return whole;
+        if (first >= cbFile) return none;
+        range.first = first;
+    }
+    // One past the last byte sent: the asked last position, cut to the file.
+    const long long end = !strFirst.empty() && !strLast.empty() && last < cbFile ? last + 1 : cbFile;
+    range.length = end - range.first;
+    range.blPartial = true;
+    return range;
+}
+
+/* A range past the end: the status, the file's size, no body. */
+bool PrintUnsatisfiable(long long cbFile) {
+    printf("Status: 416 Range Not Satisfiable\r\nAccept-Ranges: bytes\r\nContent-Range: bytes */%lld\r\n\r\n", cbFile);
+    fflush(stdout);
+    return true;
+}
+
 /* The header lines of the base64 form, then exactly its text. */
 void PrintBase64(const std::string &strFileName, const std::string &strETag, bool blDownload, const char *bBlock2,
-                 size_t sizeBase64) {
+                 size_t sizeBase64, bool blBody) {
     HTTPFileOutputer file_outputer;
     printf("Content-Type:%s\r\n", file_outputer.GetMimeType(strFileName.c_str()).c_str());
     if (blDownload) PrintDisposition(strFileName);
@@ -89,17 +209,18 @@ void PrintBase64(const std::string &strFileName, const std::string &strETag, boo
     printf("ETag:%s\r\n", strETag.c_str());
     printf("Expires:%s\r\n", ExpiresText().c_str());
     printf("\r\n");
-    fwrite(bBlock2, 1, sizeBase64, stdout);
+    if (blBody) fwrite(bBlock2, 1, sizeBase64, stdout);
     fflush(stdout);
 }
 
 /* The whole file in memory and its base64 text; an empty file is refused.
- * The object's lock is released once the file is read. */
+ * The object's lock is released once the file is read. A HEAD request
+ * takes the same way, so its headers are the body's. */
 bool PrintFileBase64(const std::string &strFile, const std::string &strFileName, const std::string &strETag,
-                     bool blDownload, kolv::ObjectLock *pLock) {
+                     bool blDownload, const PrintRequest &req) {
     std::string strBlock;
     if (KOLV_FAIL_IF(1003, !kolv::fs::ReadFile(strFile, strBlock))) return false;
-    if (pLock) pLock->Release();
+    if (req.pLock) req.pLock->Release();
     size_t size = strBlock.size();
     if (KOLV_FAIL_IF(1000, size == 0)) return false;
     // Content-Length is printed as an int.
@@ -110,42 +231,52 @@ bool PrintFileBase64(const std::string &strFile, const std::string &strFileName,
     char *bBlock2 = vBase64.data();
     if (KOLV_FAIL_IF(1000, !SzBase64EncodeFull((unsigned char *)bBlock, size, bBlock2, sizeBase64, FALSE)))
         return false;
-    PrintBase64(strFileName, strETag, blDownload, bBlock2, strlen(bBlock2));
+    PrintBase64(strFileName, strETag, blDownload, bBlock2, strlen(bBlock2), req.blBody);
     return true;
 }
 
 /* The raw form: the file is opened first (link-safely; a FIFO is opened
- * without blocking and refused), then the disposition and expiry, then
- * the platform streams its own headers and the body from the descriptor,
- * in constant memory. */
+ * without blocking and refused), then the status of a ranged answer, the
+ * disposition and expiry, then the platform streams its own headers and
+ * the body (or the asked range of it) from the descriptor, in constant
+ * memory. */
 bool PrintFileRaw(const std::string &strFile, const std::string &strFileName, bool blDownload,
-                  kolv::ObjectLock *pLock) {
+                  const PrintRequest &req) {
     kolv::Fd fdFile(kolv::fs::OpenFile(strFile, O_RDONLY | O_NONBLOCK));
     if (KOLV_FAIL_IF(1002, 0 > fdFile.get())) return false;
     struct stat st;
     if (KOLV_FAIL_IF(1002, 0 != fstat(fdFile.get(), &st) || !S_ISREG(st.st_mode))) return false;
     // A writer replaces the work tree's files by a rename: the open file
     // stays whole without the lock.
-    if (pLock) pLock->Release();
+    if (req.pLock) req.pLock->Release();
+    const long long cbFile = (long long)st.st_size;
+    const ByteRange range = ParseRange(req.strRange, cbFile);
+    if (range.blUnsatisfiable) return PrintUnsatisfiable(cbFile);
+    std::string strLines = "Accept-Ranges: bytes\r\n";
+    if (range.blPartial) {
+        printf("Status: 206 Partial Content\r\n");
+        strLines += "Content-Range: bytes " + std::to_string(range.first) + "-" +
+                    std::to_string(range.first + range.length - 1) + "/" + std::to_string(cbFile) + "\r\n";
+    }
     if (blDownload) PrintDisposition(strFileName);
     printf("Expires:%s\r\n", ExpiresText().c_str());
     // The platform writes with write(2): what stdio holds goes first.
     fflush(stdout);
     HTTPFileOutputer file_outputer;
-    if (KOLV_FAIL_IF(1000,
-                     0 > file_outputer.Output(fdFile.get(), file_outputer.GetMimeType(strFileName.c_str()).c_str())))
+    const std::string strMime = file_outputer.GetMimeType(strFileName.c_str());
+    if (KOLV_FAIL_IF(1000, 0 > file_outputer.Output(fdFile.get(), strMime.c_str(), range.first, range.length,
+                                                    req.blBody, strLines.c_str())))
         return false;
     return true;
 }
 
 /* Prints strFile in base64 or raw, offered as strFileName (an attachment
- * with blDownload). The object's lock, when given, is released once the
- * file is read or open. */
-bool OpenBinaryAndPrint(bool blBase64, const std::string &strFile, const std::string &strFileName,
-                        const std::string &strETag, bool blDownload, kolv::ObjectLock *pLock) {
+ * with blDownload), as the request asks (head-only, a range). */
+bool PrintBinary(bool blBase64, const std::string &strFile, const std::string &strFileName, const std::string &strETag,
+                 bool blDownload, const PrintRequest &req) {
     if (KOLV_FAIL_IF(1008, !kolv::fs::Exists(strFile))) return false;
-    if (blBase64) return PrintFileBase64(strFile, strFileName, strETag, blDownload, pLock);
-    return PrintFileRaw(strFile, strFileName, blDownload, pLock);
+    if (blBase64) return PrintFileBase64(strFile, strFileName, strETag, blDownload, req);
+    return PrintFileRaw(strFile, strFileName, blDownload, req);
 }
 
 /* The not-modified answer: one status line, the end of the header, no body. */
@@ -227,20 +358,29 @@ bool KOLVVESSA_BACKEND_FS::mf_DownloadBinaryByDir(const std::string &strBinaryDi
     const std::string strMd5 = jInfo["md5"].asString();
     if (KOLV_FAIL_IF(1003, !IsMd5Text(strMd5))) return false;
     const std::string strFormat = m_jParm["format"].asString();
+    const std::string strNoneMatch = m_jParm.get("HTTP_IF_NONE_MATCH", "").asString();
     const bool blHasTag = m_jParm.isMember("HTTP_IF_NONE_MATCH");
+    // Ranges are the raw form's: a slice of base64 text is nothing a
+    // client could resume.
+    PrintRequest req{"HEAD" != m_jParm.get("REQUEST_METHOD", "").asString(),
+                     "raw" == strFormat ? m_jParm.get("HTTP_RANGE", "").asString() : std::string(), pLock};
+    auto OpenBinaryAndPrint = [&req](bool blBase64, const std::string &strFile, const std::string &strName,
+                                     const std::string &strTag, bool blAttachment) {
+        return PrintBinary(blBase64, strFile, strName, strTag, blAttachment, req);
+    };
     std::string strETag;
     if ("base64" == strFormat) {
         strETag = strMd5;
-        if (blHasTag && m_jParm["HTTP_IF_NONE_MATCH"].asString() == strETag) return PrintNotModified();
-        if (KOLV_APPEND_IF(!OpenBinaryAndPrint(true, strBinaryFilePath, strFileName, strETag, blDownload, pLock)))
+        if (blHasTag && TagMatches(strNoneMatch, strETag)) return PrintNotModified();
+        if (KOLV_APPEND_IF(!OpenBinaryAndPrint(true, strBinaryFilePath, strFileName, strETag, blDownload)))
             return false;
         return true;
     }
     if ("raw" == strFormat) {
         // Never the base64 form's tag: the two bodies differ.
         strETag = strMd5 + "raw";
-        if (blHasTag && m_jParm["HTTP_IF_NONE_MATCH"].asString() == strETag) return PrintNotModified();
-        if (KOLV_APPEND_IF(!OpenBinaryAndPrint(false, strBinaryFilePath, strFileName, strETag, blDownload, pLock)))
+        if (blHasTag && TagMatches(strNoneMatch, strETag)) return PrintNotModified();
+        if (KOLV_APPEND_IF(!OpenBinaryAndPrint(false, strBinaryFilePath, strFileName, strETag, blDownload)))
             return false;
         return true;
     }

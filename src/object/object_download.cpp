@@ -23,7 +23,7 @@ bool CheckDownloadParm(const Json::Value &jParm) {
     }
     // The optional members are texts; anything else is a bad request, not
     // a silent default.
-    for (const char *szKey : {"version", "mode", "filename", "HTTP_IF_NONE_MATCH"}) {
+    for (const char *szKey : {"version", "mode", "filename", "HTTP_IF_NONE_MATCH", "HTTP_RANGE", "REQUEST_METHOD"}) {
         if (KOLV_FAIL_IF(1007, jParm.isMember(szKey) && !jParm[szKey].isString())) return false;
     }
     return kolv::CheckRequest(jParm);
@@ -76,7 +76,7 @@ bool HashToDownloadParm(TRABSZHASH *pParmHash, Json::Value &jParm) {
     jParm["format"] = pParm;
     if (KOLV_FAIL_IF(1007, NULL == (pParm = TRABCSzHashGetValue(pParmHash, "requester")))) return false;
     if (!kolv::HashRequester(pParm, jParm["requester"])) return false;
-    for (const char *szKey : {"version", "mode", "filename", "HTTP_IF_NONE_MATCH"}) {
+    for (const char *szKey : {"version", "mode", "filename", "HTTP_IF_NONE_MATCH", "HTTP_RANGE", "REQUEST_METHOD"}) {
         if (NULL != (pParm = TRABCSzHashGetValue(pParmHash, szKey))) jParm[szKey] = pParm;
     }
     return true;

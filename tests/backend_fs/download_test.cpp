@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
 #include "object/object_test_util.h"
@@ -96,14 +97,17 @@ class DownloadTest : public objtest::ObjectStoreTest {
 
     /* Runs the download with fd 1 redirected to a file. */
     Response Download(const Json::Value &jParm) {
+        return Captured([&] { return KOLV_VESSA_OBJECT().Download(jParm); });
+    }
+
+    Response Captured(const std::function<bool()> &fnDownload) {
         Response r;
         std::string strOut = m_sys.Path("/stdout");
         int fd = open(strOut.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
         fflush(stdout);
         int saved = dup(1);
         dup2(fd, 1);
-        KOLV_VESSA_OBJECT obj;
-        r.ok = obj.Download(jParm);
+        r.ok = fnDownload();
         fflush(stdout);
         dup2(saved, 1);
         close(saved);
@@ -258,12 +262,113 @@ TEST_F(DownloadTest, EmptyFilesAndTheOfferedName) {
     setenv("HTTP_USER_AGENT", "Mozilla/5.0 (Windows NT 10.0; Trident/7.0; rv:11.0)", 1);
     r = Download(jParm);
     EXPECT_TRUE(r.Has("Content-Disposition:attachment; filename=\"a%20b.txt\"")) << r.head;
+    // Beyond ASCII: offered again as UTF-8 (URL-encoded for that agent too).
+    jParm["filename"] = "\xC3\xBC b.txt";
+    r = Download(jParm);
+    EXPECT_TRUE(r.Has("Content-Disposition:attachment; filename=\"%C3%BC%20b.txt\"; filename*=UTF-8''%C3%BC%20b.txt"))
+        << r.head;
     unsetenv("HTTP_USER_AGENT");
+    r = Download(jParm);
+    EXPECT_TRUE(r.Has("Content-Disposition:attachment; filename=\"\xC3\xBC b.txt\"; filename*=UTF-8''%C3%BC%20b.txt"))
+        << r.head;
+    // Quotes and backslashes cannot close the quoted name.
+    jParm["filename"] = "a\\\"; filename=\"x.exe";
+    r = Download(jParm);
+    EXPECT_TRUE(r.Has("Content-Disposition:attachment; filename=\"a\\\\\\\"; filename=\\\"x.exe\"")) << r.head;
     // A name that would end the header line is refused before any output.
     jParm["filename"] = "a\r\nSet-Cookie: a=b";
     r = Download(jParm);
     EXPECT_FALSE(r.ok);
     EXPECT_EQ("", r.out);
+}
+
+TEST_F(DownloadTest, RangesHeadRequestsAndTagLists) {
+    const long long cb = (long long)m_strTwo.size();
+    const std::string strSize = "/" + std::to_string(cb);
+    Json::Value jParm = Parm("raw", "metabinary", "m.png", kBob);
+    auto Ranged = [&](const std::string &strRange) {
+        jParm["HTTP_RANGE"] = strRange;
+        return Download(jParm);
+    };
+    // Slices (the middle one across the platform's chunks) that put
+    // together give the file.
+    std::string strJoined;
+    struct {
+        const char *szRange, *szContentRange;
+    } rows[] = {{"bytes=0-0", "0-0"}, {"bytes=1-69999", "1-69999"}, {"BYTES=70000-", "70000-100002"}};
+    for (const auto &row : rows) {
+        Response r = Ranged(row.szRange);
+        ASSERT_TRUE(r.ok) << StackText();
+        EXPECT_EQ(0u, r.head.find("Status: 206 Partial Content\r\nExpires:")) << r.head;
+        EXPECT_TRUE(r.Has("Content-Range: bytes " + std::string(row.szContentRange) + strSize)) << r.head;
+        EXPECT_TRUE(r.Has("Content-Length: " + std::to_string(r.body.size())) && r.Has("Accept-Ranges: bytes"));
+        strJoined += r.body;
+    }
+    EXPECT_TRUE(m_strTwo == strJoined);
+    // The last 100 bytes; a last position or suffix past the end is cut to it.
+    for (const char *sz : {"bytes=-100", "bytes=99903-99999999999999999999999", "bytes=99903-100010"}) {
+        Response r = Ranged(sz);
+        EXPECT_EQ(m_strTwo.substr(cb - 100), r.body) << sz;
+        EXPECT_TRUE(r.Has("Content-Range: bytes 99903-100002" + strSize)) << sz;
+    }
+    EXPECT_EQ(m_strTwo, Ranged("bytes=-200000").body);
+    // Past the end: 416, the size, no body.
+    for (const char *sz : {"bytes=100003-", "bytes=100003-100004", "bytes=-0", "bytes=99999999999999999999-"}) {
+        Response r = Ranged(sz);
+        EXPECT_TRUE(r.ok);
+        EXPECT_EQ("Status: 416 Range Not Satisfiable\r\nAccept-Ranges: bytes\r\nContent-Range: bytes */" +
+                      std::to_string(cb) + "\r\n\r\n",
+                  r.out)
+            << sz;
+    }
+    // Several ranges or a malformed header: the whole file, 200.
+    for (const char *sz : {"bytes=0-1,5-6", "bytes=5-2", "bytes=a-", "bytes= 0-1", "items=0-1", "bytes=-", "bytes=1"}) {
+        Response r = Ranged(sz);
+        EXPECT_TRUE(m_strTwo == r.body && std::string::npos == r.head.find("Status")) << sz;
+    }
+    // Base64 never slices.
+    jParm["format"] = "base64";
+    EXPECT_EQ(m_strTwo, Decoded(Ranged("bytes=0-0"), true));
+
+    // HEAD: the full answer's headers, lengths included, and no body.
+    jParm["REQUEST_METHOD"] = "HEAD";
+    Response r = Ranged("");
+    ASSERT_TRUE(r.ok) << StackText();
+    EXPECT_TRUE(r.Has("Content-Length: 133340") && r.Has("ETag:" + Md5(m_strTwo))) << r.head;
+    EXPECT_EQ(r.head + "\r\n", r.out);
+    jParm["format"] = "raw";
+    for (const char *sz : {"", "bytes=5-9"}) {
+        r = Ranged(sz);
+        EXPECT_TRUE(r.Has(*sz ? "Content-Length: 5" : "Content-Length: 100003")) << r.head;
+        EXPECT_EQ(r.head + "\r\n", r.out);
+    }
+    jParm.removeMember("REQUEST_METHOD");
+
+    // If-None-Match as a list, weak, quoted, "*": 304, before any range.
+    const std::string strTag = Md5(m_strTwo) + "raw";
+    jParm["HTTP_RANGE"] = "bytes=0-0";
+    for (const std::string &str :
+         {"\"x\", W/\"" + strTag + "\"", "a,\t\"" + strTag + "\"", std::string("*"), "x ,  " + strTag}) {
+        jParm["HTTP_IF_NONE_MATCH"] = str;
+        EXPECT_EQ("Status: 304 Not Modified\r\n\r\n", Download(jParm).out) << str;
+    }
+    for (const std::string &str : {"\"" + Md5(m_strTwo) + "\", W/\"x\"", strTag + "x", "\"" + strTag, std::string()}) {
+        jParm["HTTP_IF_NONE_MATCH"] = str;
+        EXPECT_TRUE(Download(jParm).Has("Content-Range: bytes 0-0" + strSize)) << str;
+    }
+
+    // The string-hash entry passes the request's headers on.
+    kolvtest::Hash hash({{"ns", "note"},
+                         {"id", m_strID},
+                         {"segment", "metabinary"},
+                         {"field", "m.png"},
+                         {"format", "raw"},
+                         {"requester", "1102"},
+                         {"HTTP_RANGE", "bytes=-3"},
+                         {"REQUEST_METHOD", "HEAD"}});
+    r = Captured([&] { return KOLVVessaObjectDownload(hash.get()); });
+    ASSERT_TRUE(r.ok) << StackText();
+    EXPECT_TRUE(r.Has("Content-Range: bytes 100000-100002" + strSize) && r.body.empty()) << r.out;
 }
 
 // Every failure point of an older version's download: a success is the
