@@ -240,8 +240,8 @@ bool PrintFileBase64(const std::string &strFile, const std::string &strFileName,
  * disposition and expiry, then the platform streams its own headers and
  * the body (or the asked range of it) from the descriptor, in constant
  * memory. */
-bool PrintFileRaw(const std::string &strFile, const std::string &strFileName, bool blDownload,
-                  const PrintRequest &req) {
+bool PrintFileRaw(const std::string &strFile, const std::string &strFileName, const std::string &strETag,
+                  bool blDownload, const PrintRequest &req) {
     kolv::Fd fdFile(kolv::fs::OpenFile(strFile, O_RDONLY | O_NONBLOCK));
     if (KOLV_FAIL_IF(1002, 0 > fdFile.get())) return false;
     struct stat st;
@@ -252,7 +252,9 @@ bool PrintFileRaw(const std::string &strFile, const std::string &strFileName, bo
     const long long cbFile = (long long)st.st_size;
     const ByteRange range = ParseRange(req.strRange, cbFile);
     if (range.blUnsatisfiable) return PrintUnsatisfiable(cbFile);
-    std::string strLines = "Accept-Ranges: bytes\r\n";
+    // The tag goes out on raw answers too, so that a client can send it
+    // back; it is the raw form's own and never matches the base64 one.
+    std::string strLines = "Accept-Ranges: bytes\r\nETag:" + strETag + "\r\n";
     if (range.blPartial) {
         printf("Status: 206 Partial Content\r\n");
         strLines += "Content-Range: bytes " + std::to_string(range.first) + "-" +
@@ -276,7 +278,7 @@ bool PrintBinary(bool blBase64, const std::string &strFile, const std::string &s
                  bool blDownload, const PrintRequest &req) {
     if (KOLV_FAIL_IF(1008, !kolv::fs::Exists(strFile))) return false;
     if (blBase64) return PrintFileBase64(strFile, strFileName, strETag, blDownload, req);
-    return PrintFileRaw(strFile, strFileName, blDownload, req);
+    return PrintFileRaw(strFile, strFileName, strETag, blDownload, req);
 }
 
 /* The not-modified answer: one status line, the end of the header, no body. */

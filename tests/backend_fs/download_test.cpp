@@ -175,7 +175,7 @@ TEST_F(DownloadTest, BodiesTagsAndRevalidationForEveryVersionFormatAndSegment) {
         EXPECT_EQ(0u, r.head.find(blBase64 ? "Content-Type:" : "Expires:")) << r.head;
         EXPECT_EQ(row.strMd5, Md5(Decoded(r, blBase64)));
         const std::string strTag = row.strMd5 + (blBase64 ? "" : "raw");
-        EXPECT_EQ(blBase64, r.Has("ETag:" + strTag)) << r.head;
+        EXPECT_TRUE(r.Has("ETag:" + strTag)) << r.head;
         EXPECT_EQ("", Tmp());
         if (std::string("m.png") == row.szField) {
             EXPECT_TRUE(r.Has("Content-Type: image/png") || r.Has("Content-Type:image/png"));
