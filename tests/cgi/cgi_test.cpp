@@ -184,6 +184,11 @@ TEST_F(CgiTest, FormsVersionsLoginsAndFailureStatuses) {
     Reply r = Get(Query("b.bin", "raw"));
     EXPECT_EQ(200, r.status) << r.head << r.body;
     EXPECT_EQ(Md5(std::string("one\0\x01\xff", 6)), Md5(r.body));
+    // A slice through the server, and one past the end.
+    r = Get(Query("b.bin", "raw"), "alice:pa", "/vessa/", "Range: bytes=1-2");
+    EXPECT_EQ(206, r.status) << r.head;
+    EXPECT_EQ("ne", r.body);
+    EXPECT_EQ(416, Get(Query("b.bin", "raw"), "alice:pa", "/vessa/", "Range: bytes=6-").status);
     std::string strMeta = std::string(70000, '\x89') + "PNG";
     r = Get(Query("m.png", "base64", "metabinary"), "bob:pb"); // "ro" through sharing
     EXPECT_EQ(200, r.status) << r.body;
