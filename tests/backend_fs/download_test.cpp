@@ -5,7 +5,6 @@
  * standard output untouched, whatever the owner planted in his folders.
  */
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -20,22 +19,10 @@ namespace {
 using kolvtest::kAlice;
 using kolvtest::kBob;
 using kolvtest::kEve;
+using kolvtest::Md5;
 using kolvtest::RunCommand;
 using kolvtest::StackText;
 using objtest::J;
-
-std::string Md5(const std::string &str) {
-    unsigned char md[EVP_MAX_MD_SIZE];
-    unsigned int cb = 0;
-    EVP_Digest(str.data(), str.size(), md, &cb, EVP_md5(), NULL);
-    std::string strHex;
-    char sz[3];
-    for (unsigned i = 0; i < cb; ++i) {
-        snprintf(sz, sizeof(sz), "%02x", md[i]);
-        strHex += sz;
-    }
-    return strHex;
-}
 
 /* One response: the header block (up to its empty line) and the body. */
 struct Response {

@@ -6,7 +6,6 @@
  */
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <openssl/evp.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -23,23 +22,11 @@
 namespace {
 
 using kolvtest::kAlice;
+using kolvtest::Md5;
 using kolvtest::ReadFile;
 using kolvtest::RunCommand;
 using kolvtest::WriteFile;
 using objtest::J;
-
-std::string Md5(const std::string &str) {
-    unsigned char md[EVP_MAX_MD_SIZE];
-    unsigned int cb = 0;
-    EVP_Digest(str.data(), str.size(), md, &cb, EVP_md5(), NULL);
-    std::string strHex;
-    char sz[3];
-    for (unsigned i = 0; i < cb; ++i) {
-        snprintf(sz, sizeof(sz), "%02x", md[i]);
-        strHex += sz;
-    }
-    return strHex;
-}
 
 /* A port nobody listens on now: bind 127.0.0.1:0, read it back, close. */
 int FreePort() {

@@ -1,5 +1,6 @@
 #include "support/kolv_test_support.h"
 
+#include <openssl/evp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -76,6 +77,19 @@ void Sysroot::EnableNamespace(const std::string &strNs) const {
     WriteSettings(j);
 }
 
+std::string Md5(const std::string &str) {
+    unsigned char md[EVP_MAX_MD_SIZE];
+    unsigned int cb = 0;
+    EVP_Digest(str.data(), str.size(), md, &cb, EVP_md5(), NULL);
+    std::string strHex;
+    char sz[3];
+    for (unsigned i = 0; i < cb; ++i) {
+        snprintf(sz, sizeof(sz), "%02x", md[i]);
+        strHex += sz;
+    }
+    return strHex;
+}
+
 std::string ReadFile(const std::string &strPath) {
     std::ifstream ifs(strPath, std::ios::binary);
     std::stringstream ss;
@@ -103,7 +117,8 @@ int RunCommand(const std::string &strCmd, std::string *pOut) {
     std::string strOut;
     char szBuf[4096];
     size_t n;
-    while ((n = fread(szBuf, 1, sizeof(szBuf), p)) > 0) strOut.append(szBuf, n);
+    while ((n = fread(szBuf, 1, sizeof(szBuf), p)) > 0)
+        strOut.append(szBuf, n);
     int status = pclose(p);
     if (pOut) *pOut = strOut;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -127,8 +142,8 @@ std::string StackText() {
 
 ::testing::AssertionResult ErrIs(int code, const std::string &strOrigin) {
     if (KOLVVessaErrCodeGet() == code && OriginMsg() == strOrigin) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "want " << code << " [" << strOrigin << "], have "
-                                         << KOLVVessaErrCodeGet() << " [" << StackText() << "]";
+    return ::testing::AssertionFailure() << "want " << code << " [" << strOrigin << "], have " << KOLVVessaErrCodeGet()
+                                         << " [" << StackText() << "]";
 }
 
 ::testing::AssertionResult FailedWith(bool blFailed, const char *szExpr, int code, const std::string &strOrigin) {
@@ -173,7 +188,9 @@ std::string Hash::Value(const char *szKey) const {
     return sz ? sz : "";
 }
 
-bool HavePostgres() { return getenv("PGHOST") && *getenv("PGHOST"); }
+bool HavePostgres() {
+    return getenv("PGHOST") && *getenv("PGHOST");
+}
 
 void DropIndexDatabase() {
     std::string strOut;
@@ -186,7 +203,8 @@ std::string Psql(const std::string &strSQL) {
     std::string strOut;
     RunCommand("psql -X -q -A -t -U postgres -d kolvvessa -f '" + strFile + "' 2>&1", &strOut);
     unlink(strFile.c_str());
-    while (!strOut.empty() && strOut.back() == '\n') strOut.pop_back();
+    while (!strOut.empty() && strOut.back() == '\n')
+        strOut.pop_back();
     return strOut;
 }
 

@@ -67,6 +67,8 @@ class SysrootTest : public ::testing::Test {
 std::string ReadFile(const std::string &strPath);
 void WriteFile(const std::string &strPath, const std::string &strContent);
 Json::Value ParseJson(const std::string &str);
+/* The MD5 of a byte string as 32 lowercase hex digits. */
+std::string Md5(const std::string &str);
 /* Runs a shell command, returns its exit status and (when given) stdout. */
 int RunCommand(const std::string &strCmd, std::string *pOut = nullptr);
 /* The error stack's origin message (element 0 "msg"), "" when empty. */
