@@ -42,6 +42,7 @@
 #include "common/kolvvessa_raii.h"
 #include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_version.h"
+#include "bench_note.h"
 #include "support/kolv_test_support.h"
 
 namespace {
@@ -49,9 +50,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const char *const kNs = "bench";
-const char *const kTitle = "\"Quarterly notes\"";
-const char *const kBody = "\"The first draft of the body text, long enough to look like a note.\"";
-const char *const kTags = "[\"work\",\"draft\",\"q3\"]";
 const long long kMtime = 1700000000LL;
 
 void Check(bool bl, const char *szWhat) {
@@ -113,20 +111,7 @@ Json::Value Request(const std::string &strId, long long mtime) {
 
 /* Three text fields and one 64 KiB binary file, as bench_versions makes. */
 void Create(const std::string &strBinary, std::string &strId, std::string &strVer) {
-    Json::Value j;
-    j["ns"] = kNs;
-    j["owner"] = kolvtest::kAlice;
-    j["requester"] = kolvtest::kAlice;
-    j["mtime"] = (Json::Int64)kMtime;
-    j["category"] = "note";
-    j["text"]["title"] = kolvtest::ParseJson(kTitle);
-    j["text"]["body"] = kolvtest::ParseJson(kBody);
-    j["text"]["tags"] = kolvtest::ParseJson(kTags);
-    Json::Value jBin;
-    jBin["name"] = "attachment";
-    jBin["format"] = "raw";
-    jBin["path"] = strBinary;
-    j["binary_files"].append(jBin);
+    Json::Value j = kolvbench::NoteCreateRequest(strBinary, kMtime);
     KOLVVESSA_BACKEND_FS fs;
     Check(fs.Create(j, strId, strVer), "Create");
 }

@@ -34,15 +34,16 @@
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
 #include "common/kolvvessa_safe_fs.h"
+#include "bench_note.h"
 #include "support/kolv_test_support.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const char *const kTitle = "\"Quarterly notes\"";
-const char *const kBody = "\"The first draft of the body text, long enough to look like a note.\"";
-const char *const kTags = "[\"work\",\"draft\",\"q3\"]";
+using kolvbench::kBody;
+using kolvbench::kTags;
+using kolvbench::kTitle;
 
 void Check(bool bl, const char *szWhat) {
     if (bl) return;
@@ -52,27 +53,9 @@ void Check(bool bl, const char *szWhat) {
 
 /* ---- subject: the file store ------------------------------------------ */
 
-Json::Value CreateRequest(const std::string &strBinary, long long mtime) {
-    Json::Value j;
-    j["ns"] = "bench";
-    j["owner"] = kolvtest::kAlice;
-    j["requester"] = kolvtest::kAlice;
-    j["mtime"] = (Json::Int64)mtime;
-    j["category"] = "note";
-    j["text"]["title"] = kolvtest::ParseJson(kTitle);
-    j["text"]["body"] = kolvtest::ParseJson(kBody);
-    j["text"]["tags"] = kolvtest::ParseJson(kTags);
-    Json::Value jBin;
-    jBin["name"] = "attachment";
-    jBin["format"] = "raw";
-    jBin["path"] = strBinary;
-    j["binary_files"].append(jBin);
-    return j;
-}
-
 void SubjectCreate(const std::string &strBinary, long long mtime, std::string &strId, std::string &strVer) {
     KOLVVESSA_BACKEND_FS fs;
-    Check(fs.Create(CreateRequest(strBinary, mtime), strId, strVer), "Create");
+    Check(fs.Create(kolvbench::NoteCreateRequest(strBinary, mtime), strId, strVer), "Create");
 }
 
 void SubjectSet(const std::string &strId, std::string &strVer, long long mtime, int n) {
