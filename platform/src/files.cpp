@@ -12,6 +12,7 @@
 
 #include <string>
 
+#include "io_internal.h"
 #include "kolvplatform/kolv_platform.h"
 
 namespace {
@@ -68,6 +69,10 @@ int RemoveAt(int dirfd, const char *szName) {
     return ret;
 }
 
+} // namespace
+
+namespace kolvplat {
+
 ssize_t WriteAll(int fd, const char *p, size_t cb) {
     while (cb > 0) {
         ssize_t n = write(fd, p, cb);
@@ -81,7 +86,7 @@ ssize_t WriteAll(int fd, const char *p, size_t cb) {
     return 0;
 }
 
-} // namespace
+} // namespace kolvplat
 
 extern "C" {
 
@@ -167,7 +172,7 @@ int KOLVFileCopy(const char *szSrc, const char *szDst) {
     for (;;) {
         ssize_t n = read(fdIn, rgBuf, sizeof(rgBuf));
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0 || (n > 0 && WriteAll(fdOut, rgBuf, static_cast<size_t>(n)) != 0)) ret = -1;
+        if (n < 0 || (n > 0 && kolvplat::WriteAll(fdOut, rgBuf, static_cast<size_t>(n)) != 0)) ret = -1;
         if (n <= 0) break;
     }
     if (ret == 0 && fchmod(fdOut, st.st_mode & 0777) != 0) ret = -1;

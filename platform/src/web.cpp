@@ -17,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "io_internal.h"
 #include "kolvplatform/kolv_web.h"
 
 namespace {
@@ -55,20 +56,10 @@ const std::unordered_map<std::string, std::string> &MimeTable() {
     return s_mapExt;
 }
 
-/* Writes all of p to fd 1, retrying short writes and EINTR; asks the fault
- * seam before each write. */
+/* Writes all of p to fd 1; asks the fault seam first. */
 int WriteOut(const char *p, size_t cb) {
-    while (cb > 0) {
-        if (TRUE == KOLVFaultCheck("HTTPFileOutputer::Output write")) return -1;
-        ssize_t n = write(STDOUT_FILENO, p, cb);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        p += n;
-        cb -= static_cast<size_t>(n);
-    }
-    return 0;
+    if (TRUE == KOLVFaultCheck("HTTPFileOutputer::Output write")) return -1;
+    return 0 == kolvplat::WriteAll(STDOUT_FILENO, p, cb) ? 0 : -1;
 }
 
 /* Streams cb bytes of fd from off in fixed chunks; fails if the file ends
