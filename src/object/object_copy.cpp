@@ -88,11 +88,7 @@ bool PrepareCopyParm(const Json::Value &jParm, Json::Value &jCreateParm) {
 bool KOLV_VESSA_OBJECT::Copy(const Json::Value &jParm) {
     if (KOLV_FAIL_IF(1014, NULL == m_impl)) return false;
     bool blOk = KOLV_NO_THROW(false, [&]() -> bool {
-        if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
-                                   !jParm["id"].isString() || !jParm.isMember("requester") ||
-                                   !jParm["requester"].isIntegral())) {
-            return false;
-        }
+        if (!kolv::CheckObjectMembers(jParm)) return false;
         if (!kolv::CheckRequest(jParm)) return false;
         if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jParm["id"].asCString()))) return false;
         Json::Value jCreateParm;

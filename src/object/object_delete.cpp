@@ -19,11 +19,7 @@
 namespace {
 
 bool CheckDeleteParm(const Json::Value &jParm) {
-    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
-                               !jParm["id"].isString() || !jParm.isMember("requester") ||
-                               !jParm["requester"].isIntegral())) {
-        return false;
-    }
+    if (!kolv::CheckObjectMembers(jParm)) return false;
     if (KOLV_FAIL_IF(1007, jParm.isMember("recursive") && !jParm["recursive"].isBool())) return false;
     if (!kolv::CheckRequest(jParm)) return false;
     return true;

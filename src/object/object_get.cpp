@@ -18,11 +18,7 @@
 namespace {
 
 bool CheckGetParm(const Json::Value &jParm) {
-    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
-                               !jParm["id"].isString() || !jParm.isMember("requester") ||
-                               !jParm["requester"].isIntegral())) {
-        return false;
-    }
+    if (!kolv::CheckObjectMembers(jParm)) return false;
     if (KOLV_FAIL_IF(1007, jParm.isMember("version") && !jParm["version"].isString())) return false;
     if (KOLV_FAIL_IF(1007, jParm.isMember("field") && !jParm["field"].isObject())) return false;
     if (!kolv::CheckRequest(jParm)) return false;

@@ -118,4 +118,13 @@ bool CheckBinarySources(const Json::Value &jParm) {
     return true;
 }
 
+bool CheckObjectMembers(const Json::Value &jParm) {
+    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
+                               !jParm["id"].isString() || !jParm.isMember("requester") ||
+                               !jParm["requester"].isIntegral())) {
+        return false;
+    }
+    return true;
+}
+
 } // namespace kolv

@@ -33,6 +33,10 @@ unsigned RequestDepth(const Json::Value &jVal, unsigned limit = KOLVVESSA_REQUES
  * REQUIRES: RequestDepth(jVal) <= KOLVVESSA_REQUEST_DEPTH_MAX. */
 bool HasNulCharacter(const Json::Value &jVal);
 
+/* The members every operation on one object takes: string "ns" and "id",
+ * integral "requester"; 1007 with the test written out. */
+bool CheckObjectMembers(const Json::Value &jParm);
+
 /* The checks every entry shares, each 1007 with its condition written
  * out: "requester" a uid, the record no deeper than
  * KOLVVESSA_REQUEST_DEPTH_MAX, no NUL in any name or value, "ns" a

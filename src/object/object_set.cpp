@@ -21,11 +21,7 @@ using kolv::PrepareSetParm;
 namespace {
 
 bool CheckSetAccess(const Json::Value &jParm) {
-    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
-                               !jParm["id"].isString() || !jParm.isMember("requester") ||
-                               !jParm["requester"].isIntegral())) {
-        return false;
-    }
+    if (!kolv::CheckObjectMembers(jParm)) return false;
     return kolv::CheckChangeAccess(jParm);
 }
 

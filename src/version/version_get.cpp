@@ -8,16 +8,13 @@
 #include "kolvvessa/kolvvessa_backend.h"
 #include "kolvvessa/kolvvessa_object.h"
 #include "kolvvessa/kolvvessa_version.h"
+#include "object/object_request.h"
 #include "version/version_internal.h"
 
 namespace {
 
 bool CheckGetParm(const Json::Value &jParm) {
-    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
-                               !jParm["id"].isString() || !jParm.isMember("requester") ||
-                               !jParm["requester"].isIntegral())) {
-        return false;
-    }
+    if (!kolv::CheckObjectMembers(jParm)) return false;
     return kolv::version::CheckAccess(jParm);
 }
 

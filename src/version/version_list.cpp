@@ -10,6 +10,7 @@
 #include "kolvvessa/kolvvessa_backend.h"
 #include "kolvvessa/kolvvessa_object.h"
 #include "kolvvessa/kolvvessa_version.h"
+#include "object/object_request.h"
 #include "version/version_internal.h"
 
 namespace {
@@ -17,11 +18,7 @@ namespace {
 // The member checks; jParm is the caller's record, copied, and leaves with
 // an "offset" the store can count with and a "limit" where 0 means all.
 bool CheckListParm(Json::Value &jParm) {
-    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
-                               !jParm["id"].isString() || !jParm.isMember("requester") ||
-                               !jParm["requester"].isIntegral())) {
-        return false;
-    }
+    if (!kolv::CheckObjectMembers(jParm)) return false;
     if (KOLV_FAIL_IF(1007, jParm.isMember("offset") && !jParm["offset"].isIntegral())) return false;
     if (KOLV_FAIL_IF(1007, jParm.isMember("limit") && !jParm["limit"].isIntegral())) return false;
     if (KOLV_FAIL_IF(1007, jParm.isMember("offset") && !jParm["offset"].isUInt())) return false;
