@@ -192,6 +192,24 @@ class KOLV_EXPORT KOLV_VESSA_OBJECT {
      * the rename. Codes as above, with "!tmpNewObj.FieldRename(jsParm)"
      * appended. */
     bool FieldRename(const Json::Value &jsParm, std::string &strNewVer);
+    /* Changes the object's ACL and leaves the object, as read back, in
+     * this object ({"ns", "id", "type" ("global", "public", "user" or
+     * "group"), "op" ("set" or "delete"), "requester", "enabled" (a bool,
+     * "global"/"set"), "perm" ("ro" or "rw", "set" on the other types),
+     * "uid"/"gid" (integers, for "user"/"group"), "recursive"? (a bool: the
+     * grant comes from an ancestor and never weakens a direct one)}). A
+     * change is stored, re-indexed and pushed down to every child listed
+     * under the object as an inherited grant; a change that changes nothing
+     * stores nothing and visits no child. The owner, the system requester 0
+     * and a user with "rw" may change it. A child that cannot be changed is
+     * written to the system log only. Returns true, or false with:
+     *   1007 a malformed record, an unknown type or op, a "perm" other
+     *        than "ro" or "rw";
+     *   1010 no file backend;
+     *   1023 the requester has neither "rw" nor "owner" on the object;
+     *   the codes of the access and id checks, of reading the object, of
+     *   the file store and of the index, appended to. */
+    bool Sharing(const Json::Value &jsParm);
 
     KOLV_VESSA_OBJECT *m_next;
     Json::Value m_param;
@@ -214,6 +232,35 @@ class KOLV_EXPORT KOLV_VESSA_OBJECT_LIST {
     /* Lists objects from the index into the list (replacing its chain).
      * Returns the count, negative on failure. */
     int ListObject(const Json::Value &jParm, unsigned int &total);
+
+    /* The operations on many objects of one namespace ({"ns", "id" (an
+     * array of ids), "requester", and the keys of the single-object
+     * operation}). Every object is read and checked first: the owner, the
+     * system requester 0 and a user with "rw" pass; any failure there
+     * fails the whole call before anything changes (1007, 1023, and the
+     * codes of the access and id checks and of reading the object,
+     * appended to "!PreCheck(jParm, &m_head)"). The namespace's batch
+     * hooks run once around the work, which is spread over up to 30
+     * worker threads. jsResult gets "<id>": true or false per object; one
+     * object's failure does not stop the others nor fail the call. On
+     * success the list holds the objects (as read before the change for
+     * Delete, as read back afterwards for Set and Sharing).
+     *
+     * Delete ("recursive"? a bool) removes the objects from the file store
+     * and the index; the children of a deleted object are deleted too with
+     * "recursive", else they are moved to their owner's root. */
+    bool Delete(const Json::Value &jParm, Json::Value &jsResult);
+    /* Set ("ctime", "parent_id", "reset_parent_id" (a bool: back to the
+     * owner's root), "metatext", "text", "metabinary_files",
+     * "binary_files", "version", "commit_msg", "mtime", as the
+     * single-object set takes them). Every object that changed is
+     * re-indexed. */
+    bool Set(const Json::Value &jParm, Json::Value &jsResult);
+    /* Sharing ("type", "op", "perm", "uid", "gid", "recursive"? as the
+     * single-object Sharing takes them). */
+    bool Sharing(const Json::Value &jParm);
+    /* The same, giving the outcome per id in jsResult. */
+    bool Sharing(const Json::Value &jParm, Json::Value &jsResult);
 
     KOLV_VESSA_OBJECT *m_head;
 };
@@ -280,6 +327,16 @@ KOLV_EXPORT bool KOLVVessaObjectFieldRename(TRABSZHASH *pParmHash, std::string &
  * KOLV_VESSA_OBJECT::Download with "!KOLV_VESSA_OBJECT::Download(jParm)"
  * appended. */
 KOLV_EXPORT bool KOLVVessaObjectDownload(TRABSZHASH *pParmHash);
+
+/* Deletes every object uid owns, in every namespace, through the index
+ * listing and the multi-object delete. Refuses root (0) and UID_ERR
+ * ("UID_ERR == uid || UID_ROOT == uid" on the stack) without listing. A
+ * user with no objects succeeds. Objects that cannot be deleted are left,
+ * and the call still succeeds; false only when the listing fails. */
+KOLV_EXPORT bool KOLVVessaObjectDeleteByUid(uid_t uid);
+/* Deletes every object whose owner is no longer a local user, in every
+ * namespace. False when the users or the index cannot be listed. */
+KOLV_EXPORT bool KOLVVessaObjectDeleteNonExistDirSvsUid(void);
 
 #include "kolvvessaobjectgetter.h"
 #include "kolvvessaobjectsetter.h"
