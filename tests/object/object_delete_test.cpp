@@ -20,25 +20,8 @@ using objtest::J;
 
 const char *const kBobRw = R"({"acl":{"enabled":true,"hmx_user":{"1102":{"perm":"rw"}}}})";
 
-class ObjectDeleteTest : public objtest::ObjectStoreTest {
+class ObjectDeleteTest : public objtest::IndexedStoreTest {
   protected:
-    // Unlike the other object tests these keep PGHOST: the index is part
-    // of what they check.
-    void SetUp() override {
-        if (!kolvtest::HavePostgres()) GTEST_SKIP() << "PGHOST is not set: no PostgreSQL server for the index";
-        kolvtest::DropIndexDatabase();
-        m_sys.EnableNamespace("note");
-    }
-    void TearDown() override { unsetenv("KOLV_HOOK_LOG"); }
-
-    // The note hook library for "note"; returns the file its lines go to.
-    std::string UseNoteHooks() {
-        kolvtest::WriteFile(m_sys.Path("/usr/local/libexec/kolvvessa/note.lib"),
-                            std::string("{\"lib\":\"") + KOLV_NOTE_HOOK_LIB + "\"}");
-        std::string strLog = m_sys.Path("/tmp/hook.log");
-        setenv("KOLV_HOOK_LOG", strLog.c_str(), 1);
-        return strLog;
-    }
     static Json::Value DeleteParm(const std::string &strID, unsigned requester, bool blRecursive = false) {
         Json::Value j = GetParm(strID, requester);
         if (blRecursive) j["recursive"] = true;
@@ -48,10 +31,6 @@ class ObjectDeleteTest : public objtest::ObjectStoreTest {
         struct stat st;
         return 0 == lstat(ObjectDir(strID).c_str(), &st);
     }
-    static std::string Rows(const std::string &strWhere) {
-        return kolvtest::Psql("SELECT count(*) FROM object WHERE " + strWhere + ";");
-    }
-    static std::string RowOf(const std::string &strID) { return Rows("id = '" + strID + "'"); }
 };
 
 TEST_F(ObjectDeleteTest, OnlyTheOwnerOrTheSystemDeletesAndBothStoresForget) {

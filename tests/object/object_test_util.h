@@ -56,6 +56,31 @@ class ObjectStoreTest : public kolvtest::SysrootTest {
     }
 };
 
+/* The store with its index: the tests that check the index keep PGHOST
+ * and start from an empty database. */
+class IndexedStoreTest : public ObjectStoreTest {
+  protected:
+    void SetUp() override {
+        if (!kolvtest::HavePostgres()) GTEST_SKIP() << "PGHOST is not set: no PostgreSQL server for the index";
+        kolvtest::DropIndexDatabase();
+        m_sys.EnableNamespace("note");
+    }
+    void TearDown() override { unsetenv("KOLV_HOOK_LOG"); }
+
+    /* The note hook library for "note"; returns the file its lines go to. */
+    std::string UseNoteHooks() {
+        kolvtest::WriteFile(m_sys.Path("/usr/local/libexec/kolvvessa/note.lib"),
+                            std::string("{\"lib\":\"") + KOLV_NOTE_HOOK_LIB + "\"}");
+        std::string strLog = m_sys.Path("/tmp/hook.log");
+        setenv("KOLV_HOOK_LOG", strLog.c_str(), 1);
+        return strLog;
+    }
+    static std::string Rows(const std::string &strWhere) {
+        return kolvtest::Psql("SELECT count(*) FROM object WHERE " + strWhere + ";");
+    }
+    static std::string RowOf(const std::string &strID) { return Rows("id = '" + strID + "'"); }
+};
+
 inline Json::Value J(const std::string &str) {
     return kolvtest::ParseJson(str);
 }
