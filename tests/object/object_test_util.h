@@ -67,6 +67,7 @@ class IndexedStoreTest : public ObjectStoreTest {
     }
     void TearDown() override { unsetenv("KOLV_HOOK_LOG"); }
 
+#ifdef KOLV_NOTE_HOOK_LIB
     /* The note hook library for "note"; returns the file its lines go to. */
     std::string UseNoteHooks() {
         kolvtest::WriteFile(m_sys.Path("/usr/local/libexec/kolvvessa/note.lib"),
@@ -75,6 +76,7 @@ class IndexedStoreTest : public ObjectStoreTest {
         setenv("KOLV_HOOK_LOG", strLog.c_str(), 1);
         return strLog;
     }
+#endif
     static std::string Rows(const std::string &strWhere) {
         return kolvtest::Psql("SELECT count(*) FROM object WHERE " + strWhere + ";");
     }
