@@ -70,6 +70,12 @@ void AclMarkInherited(Json::Value &jAcl);
  * requester read it (Set and the multi-object set share it). */
 bool PrepareSetParm(Json::Value &jParm, const Json::Value &jAcl, const KOLV_VESSA_OBJECT *pObj);
 
+/* Applies one sharing request ("type", "op", "perm", "uid"/"gid",
+ * "enabled", "recursive") to acl in place. Gives 1 when acl changed, 0
+ * when there is nothing to change, -1 (1007 on the stack) for a bad
+ * request. */
+int prepare_acl(const Json::Value &jsParm, Json::Value &acl);
+
 /* Opens the namespace's hook library and fetches one operation's hooks;
  * all stay NULL when the namespace has none. Closes the library only when
  * asked to (object create does, the other operations leave it open). */
