@@ -1,0 +1,120 @@
+/*
+ * Changing the ACL of many objects of one namespace: every object is
+ * checked first, then the single-object ACL change runs for each on the
+ * worker threads (it stores, re-indexes and descends to the children by
+ * itself).
+ */
+#include <set>
+#include <string>
+
+#include "kolvvessa/kolvvessa_common.h"
+#include "kolvvessa/kolvvessa_conf.h"
+#include "kolvvessa/kolvvessa_error.h"
+#include "kolvvessa/kolvvessa_object.h"
+#include "object/object_batch.h"
+#include "object/object_internal.h"
+#include "object/object_request.h"
+
+namespace {
+
+bool CheckSharingMembers(const Json::Value &jParm) {
+    if (KOLV_FAIL_IF(1007, !jParm.isObject())) return false;
+    if (KOLV_FAIL_IF(1007, !jParm.isMember("ns") || !jParm["ns"].isString() || !jParm.isMember("id") ||
+                               !jParm.isMember("type") || !jParm["type"].isString() || !jParm.isMember("op") ||
+                               !jParm["op"].isString() || !jParm.isMember("requester") ||
+                               !jParm["requester"].isIntegral())) {
+        return false;
+    }
+    if (KOLV_FAIL_IF(1007, !jParm["id"].isArray())) return false;
+    if (!kolv::CheckRequest(jParm)) return false;
+    return true;
+}
+
+// One id into the slot *ppSlot: the owner, the system and a user with
+// "rw" may change the ACL.
+bool CheckOneId(const Json::Value &jParm, const Json::Value &jId, KOLV_VESSA_OBJECT **ppSlot) {
+    const uid_t requester = (uid_t)jParm["requester"].asInt64();
+    if (KOLV_FAIL_IF(1007, !jId.isString())) return false;
+    if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jId.asString().c_str()))) return false;
+    uid_t owner = UID_ERR;
+    if (KOLV_APPEND_IF(UID_ERR == (owner = KOLVVessaObjectGetOwnerByID(jId.asString())))) return false;
+    KOLV_VESSA_OBJECT *pObj = NULL;
+    if (KOLV_FAIL_IF(1014, NULL == (pObj = KOLVVessaObjectAlloc()))) return false;
+    *ppSlot = pObj;
+    Json::Value jItem(jParm);
+    jItem["id"] = jId;
+    Json::Value jGetParm = kolv::WholeObjectParm(jItem);
+    if (KOLV_APPEND_IF(!pObj->Get(jGetParm))) return false;
+    if (UID_ROOT != requester && owner != requester && "rw" != pObj->get_perm() && "owner" != pObj->get_perm()) {
+        KOLV_FAIL_FMT(1023, "rw != pObj->get_perm() && owner != pObj->get_perm() [%s]", pObj->get_perm().c_str());
+        return false;
+    }
+    pObj->m_param = jItem;
+    return true;
+}
+
+// Every id in order into the list's chain; any failure empties it.
+bool PreCheck(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead) {
+    if (UID_ROOT != (uid_t)jParm["requester"].asInt64() &&
+        KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
+        return false;
+    }
+    KOLV_VESSA_OBJECT **ppSlot = ppHead;
+    std::set<std::string> setSeen;
+    for (const Json::Value &jId : jParm["id"]) {
+        if (jId.isString() && !setSeen.insert(jId.asString()).second) continue;
+        if (!CheckOneId(jParm, jId, ppSlot)) {
+            KOLVVessaObjectFreeList(*ppHead);
+            *ppHead = NULL;
+            return false;
+        }
+        ppSlot = &(*ppSlot)->m_next;
+    }
+    return true;
+}
+
+bool ShareInStore(KOLVVESSA_BACKEND_OP *, const Json::Value &jItem) {
+    KOLV_VESSA_OBJECT obj;
+    if (KOLV_APPEND_IF(!obj.Sharing(jItem))) {
+        KOLVVessaErrSyslog();
+        KOLV_OBJECT_SYSLOG("Failed to set perm id:[%s] by requester [%u]", jItem["id"].asCString(),
+                           (unsigned)jItem["requester"].asInt64());
+        return false;
+    }
+    return true;
+}
+
+bool doMultiThreadSharing(KOLV_VESSA_OBJECT_LIST *pList, Json::Value &jsResult) {
+    return kolv::RunBatch(pList->m_head, ShareInStore, jsResult);
+}
+
+// The objects that changed, as they are now. A failed read is logged; the
+// change stands.
+void ReadBack(KOLV_VESSA_OBJECT *pHead, const Json::Value &jsResult) {
+    for (KOLV_VESSA_OBJECT *pObj = pHead; pObj; pObj = pObj->m_next) {
+        const Json::Value jParm = pObj->m_param;
+        if (!jsResult.get(jParm["id"].asString(), false).asBool()) continue;
+        Json::Value jGetParm = kolv::WholeObjectParm(jParm);
+        if (KOLV_APPEND_IF(!pObj->Get(jGetParm))) KOLVVessaErrSyslog();
+        pObj->m_param = jParm;
+    }
+}
+
+} // namespace
+
+bool KOLV_VESSA_OBJECT_LIST::Sharing(const Json::Value &jParm, Json::Value &jsResult) {
+    return KOLV_NO_THROW_AS(false, 1007, "batch sharing rejected", [&]() -> bool {
+        clear();
+        if (!CheckSharingMembers(jParm)) return false;
+        if (KOLV_APPEND_IF(!PreCheck(jParm, &m_head))) return false;
+        if (!jsResult.isObject()) jsResult = Json::Value(Json::objectValue);
+        if (KOLV_APPEND_IF(!doMultiThreadSharing(this, jsResult))) return false;
+        ReadBack(m_head, jsResult);
+        return true;
+    });
+}
+
+bool KOLV_VESSA_OBJECT_LIST::Sharing(const Json::Value &jParm) {
+    Json::Value jsResult(Json::objectValue);
+    return Sharing(jParm, jsResult);
+}
