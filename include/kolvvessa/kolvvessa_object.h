@@ -248,7 +248,11 @@ class KOLV_EXPORT KOLV_VESSA_OBJECT_LIST {
      *
      * Delete ("recursive"? a bool) removes the objects from the file store
      * and the index; the children of a deleted object are deleted too with
-     * "recursive", else they are moved to their owner's root. */
+     * "recursive", else they are moved to their owner's root. Only the
+     * owner and the system requester 0 may delete: "rw" is refused with
+     * 1023 ("owner != requester"). An object the file store could not
+     * delete (false) keeps its index row. One object is deleted on the
+     * calling thread, as one object is changed by Set and Sharing. */
     bool Delete(const Json::Value &jParm, Json::Value &jsResult);
     /* Set ("ctime", "parent_id", "reset_parent_id" (a bool: back to the
      * owner's root), "metatext", "text", "metabinary_files",
