@@ -8,6 +8,8 @@
 
 #include "common/kolvvessa_raii.h"
 
+#define KOLV_TOOL_FILE "tools/tool_verbs"
+
 namespace kolvtool {
 
 Json::Value ObjectJson(const KOLV_VESSA_OBJECT &object) {
@@ -75,10 +77,6 @@ bool RunReindex(const Json::Value &jReq, Json::Value &jOut) {
 const char *NsOf(const Json::Value &jReq) {
     return jReq.isMember("ns") && jReq["ns"].isString() ? jReq["ns"].asCString() : NULL;
 }
-
-// A request the tool itself refuses: code 1007 with the failed test.
-#define TOOL_REQUIRE(cond)                                                                                             \
-    ((cond) ? true : (KOLVVessaErrSetEx(1007, "tools/tool_verbs", __LINE__, "%s", "!(" #cond ")"), false))
 
 // A uid is an unsigned 32-bit integer, never written as a double.
 bool RequireOwner(const Json::Value &jReq) {
@@ -186,6 +184,38 @@ const std::vector<Verb> gVerbs = {
      "\"parent_id\" in the index; a child that fails is logged and the others are still deleted).\n"
      "The switch --recursive sets \"recursive\": true. Deleting a missing object succeeds.",
      "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunDelete, "recursive"},
+    {"share", "change an object's ACL; with --recursive as a grant inherited from above",
+     "Keys: \"ns\", \"id\", \"requester\", \"type\" (\"global\", \"public\", \"user\" or \"group\"), \"op\"\n"
+     "(\"set\" or \"delete\"); \"enabled\" (a bool, \"global\"/\"set\"), \"perm\" (\"ro\" or \"rw\"), \"uid\" or\n"
+     "\"gid\" (a number, or a user or group name), \"recursive\". A change goes down to every child as\n"
+     "an inherited grant, which never weakens a grant set on the child itself. The owner, requester 0\n"
+     "and a user with \"rw\" may share. Prints the object afterwards.",
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"type\":\"user\",\"op\":\"set\",\"uid\":\"bob\","
+     "\"perm\":\"ro\"}",
+     RunShare, "recursive"},
+    {"batch-set", "change many objects of one namespace alike",
+     "Keys: \"ns\", \"requester\", \"id\" (an array; when absent, one id per line on standard input),\n"
+     "and the keys of \"set\" (\"reset_parent_id\": true moves the objects to their owner's root).\n"
+     "Every object is checked first: one the requester may not change fails the whole call and\n"
+     "nothing changes. Prints {\"result\": {id: true|false}, \"done\", \"failed\"}.",
+     "{\"ns\":\"note\",\"requester\":1101,\"id\":[\"1101_...\",\"1101_...\"],\"metatext\":{\"tag\":\"x\"}}",
+     RunBatchSet, NULL},
+    {"batch-delete", "delete many objects of one namespace (owner or requester 0)",
+     "Keys: \"ns\", \"requester\", \"id\" (an array; when absent, one id per line on standard input),\n"
+     "\"recursive\" (the objects below too; without it they move to their owner's root).\n"
+     "Prints {\"result\": {id: true|false}, \"done\", \"failed\"}.",
+     "{\"ns\":\"note\",\"requester\":1101,\"id\":[\"1101_...\",\"1101_...\"]}", RunBatchDelete, "recursive"},
+    {"batch-share", "change the ACL of many objects of one namespace alike",
+     "Keys: \"ns\", \"requester\", \"id\" (an array; when absent, one id per line on standard input),\n"
+     "and the keys of \"share\". Prints {\"result\": {id: true|false}, \"done\", \"failed\"}.",
+     "{\"ns\":\"note\",\"requester\":1101,\"type\":\"public\",\"op\":\"set\",\"perm\":\"ro\"}", RunBatchShare,
+     "recursive"},
+    {"cleanup-user", "delete every object of one user, in every namespace",
+     "Keys: \"uid\" (a number or a user name; not 0). Objects that cannot be deleted are left. A\n"
+     "user who no longer exists is cleaned up by cleanup-orphans.",
+     "{\"uid\":\"alice\"}", RunCleanupUser, NULL},
+    {"cleanup-orphans", "delete every object whose owner is no longer a local user",
+     "No keys. Lists the local users, then deletes the objects of every other owner.", "{}", RunCleanupOrphans, NULL},
     {"reindex", "rebuild the index from the repository", "Keys: \"ns\" (optional: only that namespace).",
      "{\"ns\":\"note\"}", RunReindex, NULL},
     {"access-get", "whether the store (no \"ns\") or a namespace is switched on",

@@ -32,12 +32,31 @@ const Verb *FindVerb(const char *szName);
 /* Every field of an object, the ACL as far as the requester may see it. */
 Json::Value ObjectJson(const KOLV_VESSA_OBJECT &object);
 
+/* A request the tool itself refuses: code 1007 with the failed test, the
+ * file named by KOLV_TOOL_FILE (each verb file defines it). */
+#define TOOL_REQUIRE(cond)                                                                                             \
+    ((cond) ? true : (KOLVVessaErrSetEx(1007, KOLV_TOOL_FILE, __LINE__, "%s", "!(" #cond ")"), false))
+
 /* The verbs of tool_history.cpp. */
 bool RunVersions(const Json::Value &jReq, Json::Value &jOut);
 bool RunVersion(const Json::Value &jReq, Json::Value &jOut);
 bool RunDiff(const Json::Value &jReq, Json::Value &jOut);
 bool RunRename(const Json::Value &jReq, Json::Value &jOut);
 bool RunDelete(const Json::Value &jReq, Json::Value &jOut);
+
+/* The verbs of tool_share.cpp. */
+bool RunShare(const Json::Value &jReq, Json::Value &jOut);
+/* A "uid" or "gid" given as a user or group name becomes its number (a
+ * name that is all digits and unknown is taken as the number); 1022 for
+ * an unknown name. */
+bool ResolvePrincipal(Json::Value &jParm);
+
+/* The verbs of tool_batch.cpp. */
+bool RunBatchSet(const Json::Value &jReq, Json::Value &jOut);
+bool RunBatchDelete(const Json::Value &jReq, Json::Value &jOut);
+bool RunBatchShare(const Json::Value &jReq, Json::Value &jOut);
+bool RunCleanupUser(const Json::Value &jReq, Json::Value &jOut);
+bool RunCleanupOrphans(const Json::Value &jReq, Json::Value &jOut);
 
 } // namespace kolvtool
 

@@ -22,8 +22,9 @@ class ToolTest : public kolvtest::SysrootTest {
 TEST_F(ToolTest, HelpNamesEveryVerbWithAnExample) {
     std::string strOut;
     EXPECT_EQ(0, RunCommand(std::string(KOLV_TOOL) + " --help", &strOut));
-    for (const char *szVerb : {"create", "copy", "get", "set", "list", "reindex", "access-set", "sharing-set",
-                               "versions", "version", "diff", "rename", "delete"}) {
+    for (const char *szVerb :
+         {"create", "copy", "get", "set", "list", "reindex", "access-set", "sharing-set", "versions", "version", "diff",
+          "rename", "delete", "share", "batch-set", "batch-delete", "batch-share", "cleanup-user", "cleanup-orphans"}) {
         EXPECT_NE(std::string::npos, strOut.find(szVerb)) << szVerb;
     }
     EXPECT_EQ(0, RunCommand(std::string(KOLV_TOOL) + " set --help", &strOut));
@@ -165,6 +166,65 @@ TEST_F(ToolTest, HistoryRenameAndRecursiveDelete) {
     EXPECT_TRUE(ParseJson(strOut)["recursive"].asBool());
     EXPECT_EQ("0", kolvtest::Psql("SELECT count(*) FROM object WHERE ns = 'note'"));
     EXPECT_EQ(1, Tool("get", strHead + "}", &strOut));
+}
+
+// A folder shared with bob by name reaches its notes as an inherited
+// grant; the notes go in one multi-object delete with their ids on
+// standard input; bob's objects go once he has left the appliance, then
+// alice's with her name.
+TEST_F(ToolTest, ShareBatchDeleteAndCleanup) {
+    if (!kolvtest::HavePostgres()) GTEST_SKIP() << "no PostgreSQL server (PGHOST unset)";
+    kolvtest::DropIndexDatabase();
+    m_sys.EnableNamespace("note");
+    std::string strOut;
+    ASSERT_EQ(0,
+              Tool("create", R"({"ns":"note","category":"folder","requester":1101,"acl":{"enabled":true}})", &strOut));
+    const std::string strFolder = ParseJson(strOut)["id"].asString();
+    std::string strNotes;
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(0,
+                  Tool("create", R"({"ns":"note","category":"memo","requester":1101,"parent_id":")" + strFolder + "\"}",
+                       &strOut));
+        strNotes += ParseJson(strOut)["id"].asString() + "\n";
+    }
+    const std::string strNote = strNotes.substr(0, strNotes.find('\n'));
+    const std::string strShare =
+        R"({"ns":"note","id":")" + strFolder + R"(","requester":1101,"type":"user","op":"set","perm":"ro","uid":)";
+    EXPECT_EQ(1, Tool("share", strShare + R"("nobody-here"})", &strOut, true));
+    EXPECT_NE(std::string::npos, strOut.find("ErrNo=[1022]")) << strOut;
+    ASSERT_EQ(0, Tool("share", strShare + R"("bob"})", &strOut));
+    EXPECT_FALSE(ParseJson(strOut)["acl"]["hmx_user"]["1102"]["inherit"].asBool());
+    ASSERT_EQ(0, Tool("get", R"({"ns":"note","id":")" + strNote + R"(","requester":1102})", &strOut));
+    EXPECT_EQ("ro", ParseJson(strOut)["perm"].asString());
+    ASSERT_EQ(0, Tool("get", R"({"ns":"note","id":")" + strNote + R"(","requester":1101})", &strOut));
+    EXPECT_EQ(ParseJson(R"({"perm":"ro","inherit":true})"), ParseJson(strOut)["acl"]["hmx_user"]["1102"]);
+
+    // bob may read but not delete; with no id anywhere the tool refuses.
+    const std::string strBatch = std::string(KOLV_TOOL) + " batch-delete ";
+    EXPECT_EQ(
+        1, RunCommand("printf '" + strNotes + "' | " + strBatch + R"('{"ns":"note","requester":1102}' 2>&1)", &strOut));
+    EXPECT_NE(std::string::npos, strOut.find("ErrNo=[1023]")) << strOut;
+    EXPECT_EQ(1, RunCommand(strBatch + R"('{"ns":"note","requester":1101}' </dev/null 2>/dev/null)", &strOut));
+    ASSERT_EQ(
+        0, RunCommand("printf '\\n" + strNotes + "' | " + strBatch + R"('{"ns":"note","requester":1101}')", &strOut));
+    Json::Value jResult = ParseJson(strOut);
+    EXPECT_EQ(2, jResult["done"].asInt());
+    EXPECT_TRUE(jResult["result"][strNote].asBool());
+    EXPECT_EQ("1", kolvtest::Psql("SELECT count(*) FROM object"));
+
+    // bob leaves: only his objects go. The tool is a fresh process that
+    // never saw bob as a valid owner.
+    ASSERT_EQ(0, Tool("create", R"({"ns":"note","category":"memo","requester":1102})", &strOut));
+    Json::Value jConfig = kolvtest::Sysroot::DefaultPlatformConfig();
+    jConfig["users"].removeIndex(1, nullptr);
+    m_sys.WritePlatformConfig(jConfig);
+    ASSERT_EQ(0, Tool("cleanup-orphans", "{}", &strOut));
+    EXPECT_EQ("1101", kolvtest::Psql("SELECT string_agg(owner::text, ',') FROM object"));
+    EXPECT_EQ(1, Tool("cleanup-user", R"({"uid":0})", &strOut));
+    ASSERT_EQ(0, Tool("cleanup-user", R"({"uid":"alice"})", &strOut));
+    EXPECT_EQ(1101, ParseJson(strOut)["cleaned_uid"].asInt());
+    EXPECT_EQ("0", kolvtest::Psql("SELECT count(*) FROM object"));
+    EXPECT_FALSE(TRABCFileExist((m_sys.Repo() + "/note/" + strFolder).c_str()));
 }
 
 } // namespace
