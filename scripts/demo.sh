@@ -90,6 +90,29 @@ step "bob may change alice's note (shared rw)"
 kv set "{\"ns\":\"note\",\"id\":\"$note_id\",\"requester\":1102,\"version\":\"$(echo "$note2" | jq -r .version)\",
   \"text\":{\"title\":\"Bread (bob)\"}}" | jq -c "{version, text}"
 
+step "alice makes a folder \"Travel\" with two notes in it, shared with nobody yet"
+folder=$(kv create '{"ns":"note","category":"folder","requester":1101,"text":{"title":"Travel"},"acl":{"enabled":true}}')
+echo "$folder" | jq -c "$brief"
+folder_id=$(echo "$folder" | jq -r .id)
+for title in Lisbon Porto; do
+    kv create "{\"ns\":\"note\",\"category\":\"note\",\"requester\":1101,\"parent_id\":\"$folder_id\",
+  \"text\":{\"title\":\"$title\"}}" | jq -c "$brief"
+done
+
+step "alice shares the folder with bob (by name, read-only): the grant goes down to every note in it"
+kv share "{\"ns\":\"note\",\"id\":\"$folder_id\",\"requester\":1101,\"type\":\"user\",\"op\":\"set\",\"uid\":\"bob\",
+  \"perm\":\"ro\"}" | jq -c '{id: (.id[0:10] + "..."), acl}'
+kv list "{\"ns\":\"note\",\"requester\":1101,\"filter\":{\"parent_id\":\"$folder_id\"}}" |
+    jq -c '.objects[] | {id: (.id[0:10] + "..."), acl}'
+
+step "bob lists the folder's notes and reads one; he may not change it"
+travel=$(kv list "{\"ns\":\"note\",\"requester\":1102,\"filter\":{\"parent_id\":\"$folder_id\"},\"field\":{\"text\":true}}")
+echo "$travel" | jq -c ".count, (.objects[] | $brief)"
+lisbon=$(echo "$travel" | jq -r '.objects[] | select(.text.title == "Lisbon") | .id')
+kv get "{\"ns\":\"note\",\"id\":\"$lisbon\",\"requester\":1102}" | jq -c "$brief"
+kv set "{\"ns\":\"note\",\"id\":\"$lisbon\",\"requester\":1102,\"metatext\":{\"seen\":true}}" 2>&1 |
+    grep -E '^\$ |ErrNo=' || true
+
 step "alice lists her objects"
 kv list '{"ns":"note","requester":1101,"field":{"text":true}}' | jq -c ".count, (.objects[] | $brief)"
 
@@ -117,6 +140,12 @@ kv list '{"ns":"note","requester":1101}' | jq -c ".count"
 step "alice deletes the notebook with everything below it; bob's note stays"
 kv delete --recursive "{\"ns\":\"note\",\"id\":\"$book_id\",\"requester\":1101}" | jq -c '{deleted: (.deleted[0:10] + "..."), recursive}'
 kv list '{"ns":"note","requester":0}' | jq -c ".count, (.objects[] | $brief)"
+
+step "alice deletes the folder and its notes in one call, the ids on standard input"
+kv list "{\"ns\":\"note\",\"requester\":1101,\"filter\":{\"parent_id\":\"$folder_id\"}}" |
+    jq -r '.objects[].id' | { cat; echo "$folder_id"; } |
+    kv batch-delete '{"ns":"note","requester":1101}' | jq -c '{done, failed}'
+kv list '{"ns":"note","requester":0}' | jq -c ".count"
 
 step "the objects on disk"
 (cd "$KOLV_SYSROOT/volume1/@KolvVessa" && find note -maxdepth 2 -name '*.json' | sed 's/_[0-9A-F]\{86\}/_.../' | sort | head -8)
