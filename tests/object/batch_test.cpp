@@ -217,6 +217,19 @@ TEST_F(BatchTest, DeletedParentsLeaveTheirChildrenAtTheRootOrTakeThemAlong) {
     std::sort(vLeft.begin(), vLeft.end());
     EXPECT_EQ(vLeft, IdsOnDisk());
     ExpectIndexMatchesStore();
+
+    // An object whose owner no user is any more: the system's ordinary
+    // delete refuses it, the clean-up's entry takes it.
+    std::string strOrphan = "1999" + strKeep.substr(strKeep.find('_'));
+    ASSERT_EQ(0, kolvtest::RunCommand("cp -a '" + ObjectDir(strKeep) + "' '" + ObjectDir(strOrphan) + "'"));
+    ASSERT_TRUE(KOLVVessaObjectIndex(strOrphan.c_str(), "note", 0)) << StackText();
+    EXPECT_FALSE(list.Delete(Req({strOrphan}, 0), jsResult = Json::Value()));
+    EXPECT_EQ(1022, KOLVVessaErrCodeGet()) << StackText();
+    ASSERT_TRUE(kolv::BatchDeleteAsSystem(Req({strOrphan, strKeep}, 0), jsResult)) << StackText();
+    EXPECT_EQ(J("{\"" + strOrphan + "\":true,\"" + strKeep + "\":true}"), jsResult);
+    EXPECT_EQ(std::vector<std::string>{strC2}, IdsOnDisk());
+    ExpectIndexMatchesStore();
+    EXPECT_FAILS(kolv::BatchDeleteAsSystem(Req({strC2}, kAlice), jsResult), 1023, "UID_ROOT != requester");
 }
 
 TEST_F(BatchTest, AHundredSetsOfThirtyOneObjects) {
