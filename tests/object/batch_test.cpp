@@ -190,6 +190,18 @@ TEST_F(BatchTest, ThirtyOneIdsRunOnThirtyThreadsAndAFailingObjectFailsAlone) {
         EXPECT_EQ(strId != strBroken ? "z" : "x", Tag(strId)) << strId;
     }
     ExpectIndexMatchesStore();
+
+    // The ACL changes of all 31 on the threads: each a new version, indexed.
+    Json::Value jShare = Req(vIds, kAlice);
+    jShare["type"] = "public";
+    jShare["op"] = "set";
+    jShare["perm"] = "ro";
+    ASSERT_TRUE(list.Sharing(jShare, jsResult = Json::Value())) << StackText();
+    ASSERT_EQ(31u, jsResult.size());
+    for (const std::string &strId : vIds)
+        EXPECT_TRUE(jsResult[strId].asBool()) << strId;
+    EXPECT_EQ("31", Rows("acl->'public'->>'perm' = 'ro'"));
+    ExpectIndexMatchesStore();
 }
 
 TEST_F(BatchTest, DeletedParentsLeaveTheirChildrenAtTheRootOrTakeThemAlong) {
