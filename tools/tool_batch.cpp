@@ -15,16 +15,17 @@ namespace kolvtool {
 namespace {
 
 // The request with its "id" array: the request's own, or the lines of
-// standard input (blank lines skipped, a carriage return dropped).
+// standard input (blanks around an id and blank lines dropped).
 bool WithIds(const Json::Value &jReq, Json::Value &jParm) {
     jParm = jReq;
     if (jParm.isMember("id")) return true;
     jParm["id"] = Json::Value(Json::arrayValue);
     std::string strLine;
     while (std::getline(std::cin, strLine)) {
-        if (!strLine.empty() && strLine.back() == '\r') strLine.pop_back();
-        if (strLine.find_first_not_of(" \t") == std::string::npos) continue;
-        jParm["id"].append(strLine);
+        size_t first = strLine.find_first_not_of(" \t\r");
+        if (first == std::string::npos) continue;
+        size_t last = strLine.find_last_not_of(" \t\r");
+        jParm["id"].append(strLine.substr(first, last - first + 1));
     }
     return TOOL_REQUIRE(jParm["id"].size() > 0);
 }

@@ -205,8 +205,8 @@ TEST_F(ToolTest, ShareBatchDeleteAndCleanup) {
         1, RunCommand("printf '" + strNotes + "' | " + strBatch + R"('{"ns":"note","requester":1102}' 2>&1)", &strOut));
     EXPECT_NE(std::string::npos, strOut.find("ErrNo=[1023]")) << strOut;
     EXPECT_EQ(1, RunCommand(strBatch + R"('{"ns":"note","requester":1101}' </dev/null 2>/dev/null)", &strOut));
-    ASSERT_EQ(
-        0, RunCommand("printf '\\n" + strNotes + "' | " + strBatch + R"('{"ns":"note","requester":1101}')", &strOut));
+    ASSERT_EQ(0, RunCommand("printf '\\n\\t" + strNotes + "' | " + strBatch + R"('{"ns":"note","requester":1101}')",
+                            &strOut));
     Json::Value jResult = ParseJson(strOut);
     EXPECT_EQ(2, jResult["done"].asInt());
     EXPECT_TRUE(jResult["result"][strNote].asBool());
