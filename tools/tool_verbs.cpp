@@ -187,9 +187,10 @@ const std::vector<Verb> gVerbs = {
     {"share", "change an object's ACL; with --recursive as a grant inherited from above",
      "Keys: \"ns\", \"id\", \"requester\", \"type\" (\"global\", \"public\", \"user\" or \"group\"), \"op\"\n"
      "(\"set\" or \"delete\"); \"enabled\" (a bool, \"global\"/\"set\"), \"perm\" (\"ro\" or \"rw\"), \"uid\" or\n"
-     "\"gid\" (a number, or a user or group name), \"recursive\". A change goes down to every child as\n"
-     "an inherited grant, which never weakens a grant set on the child itself. The owner, requester 0\n"
-     "and a user with \"rw\" may share. Prints the object afterwards.",
+     "\"gid\" (a number, or a user or group name), \"recursive\" (--recursive: the change counts as one\n"
+     "inherited from above; leave it out for a grant of the object's own). A change goes down to\n"
+     "every child as an inherited grant, which never weakens a grant set on the child itself. The\n"
+     "owner, requester 0 and a user with \"rw\" may share. Prints the object afterwards.",
      "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"type\":\"user\",\"op\":\"set\",\"uid\":\"bob\","
      "\"perm\":\"ro\"}",
      RunShare, "recursive"},
