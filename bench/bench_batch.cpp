@@ -42,7 +42,10 @@ const char *const kNs = "bench";
 
 void Check(bool bl, const char *szWhat) {
     if (bl) return;
-    fprintf(stderr, "bench: %s failed\n%s\n", szWhat, kolvtest::StackText().c_str());
+    // The server's own word on the last statement, when it refused one.
+    KOLVDB *pConn = KOLVVessaOpenConn();
+    const char *szDB = pConn ? KOLVDBErrorGet(pConn) : NULL;
+    fprintf(stderr, "bench: %s failed\n%s\n%s\n", szWhat, kolvtest::StackText().c_str(), szDB ? szDB : "");
     exit(1);
 }
 
