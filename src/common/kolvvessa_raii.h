@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "common/kolvvessa_safe_fs.h"
+#include "kolvvessa/kolvvessa_object.h"
 
 namespace kolv {
 
@@ -203,6 +204,24 @@ class ThreadFsIdentity {
     uid_t m_oldUid = 0;
     gid_t m_oldGid = 0;
     std::vector<gid_t> m_oldGroups;
+};
+
+/* A chain of objects being built: freed whole unless handed over. */
+class ObjectChain {
+  public:
+    ObjectChain() : m_head(NULL) {}
+    ~ObjectChain() { KOLVVessaObjectFreeList(m_head); }
+    ObjectChain(const ObjectChain &) = delete;
+    ObjectChain &operator=(const ObjectChain &) = delete;
+    KOLV_VESSA_OBJECT **Head() { return &m_head; }
+    KOLV_VESSA_OBJECT *Release() {
+        KOLV_VESSA_OBJECT *p = m_head;
+        m_head = NULL;
+        return p;
+    }
+
+  private:
+    KOLV_VESSA_OBJECT *m_head;
 };
 
 } // namespace kolv

@@ -17,6 +17,7 @@
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_conf.h"
 #include "kolvvessa/kolvvessa_ns_hook.h"
+#include "common/kolvvessa_raii.h"
 #include "object/object_internal.h"
 #include "object/object_request.h"
 
@@ -30,24 +31,6 @@ bool ThreadStartFaulted() {
     if (g_cThreadFault.load(std::memory_order_relaxed) <= 0) return false;
     return 1 == g_cThreadFault.fetch_sub(1);
 }
-
-// The chain being built: freed whole unless handed over.
-class ChainGuard {
-  public:
-    ChainGuard() : m_head(NULL) {}
-    ~ChainGuard() { KOLVVessaObjectFreeList(m_head); }
-    ChainGuard(const ChainGuard &) = delete;
-    ChainGuard &operator=(const ChainGuard &) = delete;
-    KOLV_VESSA_OBJECT **Head() { return &m_head; }
-    KOLV_VESSA_OBJECT *Release() {
-        KOLV_VESSA_OBJECT *p = m_head;
-        m_head = NULL;
-        return p;
-    }
-
-  private:
-    KOLV_VESSA_OBJECT *m_head;
-};
 
 // One id of the request into the chain slot *ppObj. The system requester
 // 0 may do anything; anybody else needs "rw" or "owner" on an object he
@@ -208,7 +191,7 @@ bool PreCheck(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, BatchOwnerRu
     if (UID_ROOT != requester && KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
         return false;
     }
-    ChainGuard chain;
+    kolv::ObjectChain chain;
     KOLV_VESSA_OBJECT **ppObj = chain.Head();
     std::set<std::string> setSeen;
     const Json::Value &jIds = jParm["id"];
