@@ -54,10 +54,14 @@ bool CheckOneId(const Json::Value &jParm, Json::Value::const_iterator jsIt, kolv
     jItem["id"] = *jsIt;
     Json::Value jGetParm = kolv::WholeObjectParm(jItem);
     if (KOLV_APPEND_IF(!(*ppObj)->Get(jGetParm))) return false;
-    if (UID_ROOT != requester && owner != requester && "rw" != (*ppObj)->get_perm() &&
-        "owner" != (*ppObj)->get_perm()) {
-        KOLV_FAIL_FMT(1023, "rw != (*ppObj)->get_perm() && owner != (*ppObj)->get_perm() [%s]",
-                      (*ppObj)->get_perm().c_str());
+    KOLV_VESSA_OBJECT *pObj = *ppObj;
+    if (UID_ROOT != requester && owner != requester && "rw" != pObj->get_perm() && "owner" != pObj->get_perm()) {
+        if (kolv::BatchOwnerRule::AclChange == rule) {
+            KOLV_FAIL_FMT(1023, "rw != pObj->get_perm() && owner != pObj->get_perm() [%s]", pObj->get_perm().c_str());
+        } else {
+            KOLV_FAIL_FMT(1023, "rw != (*ppObj)->get_perm() && owner != (*ppObj)->get_perm() [%s]",
+                          pObj->get_perm().c_str());
+        }
         return false;
     }
     (*ppObj)->m_param = jItem;

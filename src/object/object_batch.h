@@ -31,6 +31,8 @@ constexpr unsigned kBatchBuckets = 30;
 enum class BatchOwnerRule {
     /* The owner, the system requester 0 and a user with "rw" pass. */
     RwOrOwner,
+    /* The same for an ACL change, whose refusal names the object pObj. */
+    AclChange,
     /* Only the owner and the system requester 0 pass: deletion. */
     OwnerOnly,
     /* The system requester 0 only, and the owner may be gone (no local

@@ -72,22 +72,10 @@ bool DeleteLevel(KOLV_VESSA_OBJECT_LIST &list, const Json::Value &jParm, Json::V
     return true;
 }
 
-// The ids the index lists under any of jParents, all pages at once:
-// deleting between pages would shift them. Listed as the system, so that
-// nothing a child's sharing hides is left behind.
+// Listed as the system, so that nothing a child's sharing hides is left
+// behind.
 bool ListChildren(const std::string &strNs, const Json::Value &jParents, std::vector<std::string> &vIds) {
-    Json::Value jList(Json::objectValue);
-    jList["ns"] = strNs;
-    jList["requester"] = 0;
-    jList["filter"]["parent_id"] = jParents;
-    jList["offset"] = 0;
-    jList["limit"] = -1;
-    KOLV_VESSA_OBJECT_LIST list;
-    unsigned int total = 0;
-    if (KOLV_APPEND_IF(0 > list.ListObject(jList, total))) return false;
-    for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next)
-        vIds.push_back(p->get_id());
-    return true;
+    return kolv::ListChildIds(strNs, jParents, UID_ROOT, vIds);
 }
 
 Json::Value ChildRequest(const Json::Value &jParm, const std::vector<std::string> &vIds) {

@@ -30,47 +30,9 @@ bool CheckSharingMembers(const Json::Value &jParm) {
     return true;
 }
 
-// One id into the slot *ppSlot: the owner, the system and a user with
-// "rw" may change the ACL.
-bool CheckOneId(const Json::Value &jParm, const Json::Value &jId, KOLV_VESSA_OBJECT **ppSlot) {
-    const uid_t requester = (uid_t)jParm["requester"].asInt64();
-    if (KOLV_FAIL_IF(1007, !jId.isString())) return false;
-    if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jId.asString().c_str()))) return false;
-    uid_t owner = UID_ERR;
-    if (KOLV_APPEND_IF(UID_ERR == (owner = KOLVVessaObjectGetOwnerByID(jId.asString())))) return false;
-    KOLV_VESSA_OBJECT *pObj = NULL;
-    if (KOLV_FAIL_IF(1014, NULL == (pObj = KOLVVessaObjectAlloc()))) return false;
-    *ppSlot = pObj;
-    Json::Value jItem(jParm);
-    jItem["id"] = jId;
-    Json::Value jGetParm = kolv::WholeObjectParm(jItem);
-    if (KOLV_APPEND_IF(!pObj->Get(jGetParm))) return false;
-    if (UID_ROOT != requester && owner != requester && "rw" != pObj->get_perm() && "owner" != pObj->get_perm()) {
-        KOLV_FAIL_FMT(1023, "rw != pObj->get_perm() && owner != pObj->get_perm() [%s]", pObj->get_perm().c_str());
-        return false;
-    }
-    pObj->m_param = jItem;
-    return true;
-}
-
 // Every id in order into the list's chain; any failure empties it.
 bool PreCheck(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead) {
-    if (UID_ROOT != (uid_t)jParm["requester"].asInt64() &&
-        KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
-        return false;
-    }
-    KOLV_VESSA_OBJECT **ppSlot = ppHead;
-    std::set<std::string> setSeen;
-    for (const Json::Value &jId : jParm["id"]) {
-        if (jId.isString() && !setSeen.insert(jId.asString()).second) continue;
-        if (!CheckOneId(jParm, jId, ppSlot)) {
-            KOLVVessaObjectFreeList(*ppHead);
-            *ppHead = NULL;
-            return false;
-        }
-        ppSlot = &(*ppSlot)->m_next;
-    }
-    return true;
+    return kolv::PreCheck(jParm, ppHead, kolv::BatchOwnerRule::AclChange);
 }
 
 bool ShareInStore(KOLVVESSA_BACKEND_OP *, const Json::Value &jItem) {

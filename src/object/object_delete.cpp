@@ -81,21 +81,9 @@ bool DeleteOne(const Json::Value &jParm) {
     return true;
 }
 
-// The ids of every object the index lists under strParentId for the
-// requester, all pages at once: deleting between pages would shift them.
+// What the requester sees below strParentId.
 bool ListChildren(const Json::Value &jParm, const std::string &strParentId, std::vector<std::string> &vIds) {
-    Json::Value jList(Json::objectValue);
-    jList["ns"] = jParm["ns"];
-    jList["requester"] = jParm["requester"];
-    jList["filter"]["parent_id"] = strParentId;
-    jList["offset"] = 0;
-    jList["limit"] = -1;
-    KOLV_VESSA_OBJECT_LIST list;
-    unsigned int total = 0;
-    if (KOLV_APPEND_IF(0 > list.ListObject(jList, total))) return false;
-    for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next)
-        vIds.push_back(p->get_id());
-    return true;
+    return kolv::ListChildIds(jParm["ns"].asString(), strParentId, (uid_t)jParm["requester"].asInt64(), vIds);
 }
 
 // Breadth first over the index, without recursion on the stack. A child

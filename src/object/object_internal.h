@@ -11,6 +11,7 @@
 
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_nothrow.h"
@@ -69,6 +70,12 @@ void AclMarkInherited(Json::Value &jAcl);
 /* Checks and completes the record of a change against the object as the
  * requester read it (Set and the multi-object set share it). */
 bool PrepareSetParm(Json::Value &jParm, const Json::Value &jAcl, const KOLV_VESSA_OBJECT *pObj);
+
+/* The ids the index lists, as requester sees them, directly below jParent
+ * (one id, or an array of ids) in namespace strNs: every page at once, so
+ * that changes made between pages cannot shift them. Appended to vIds. */
+bool ListChildIds(const std::string &strNs, const Json::Value &jParent, uid_t requester,
+                  std::vector<std::string> &vIds);
 
 /* Applies one sharing request ("type", "op", "perm", "uid"/"gid",
  * "enabled", "recursive") to acl in place. Gives 1 when acl changed, 0

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_nothrow.h"
@@ -16,6 +17,7 @@
 #include "kolvvessa/kolvvessa_conf.h"
 #include "kolvvessa/kolvvessa_index.h"
 #include "kolvvessa/kolvvessa_object.h"
+#include "object/object_internal.h"
 #include "object/object_request.h"
 
 namespace {
@@ -118,6 +120,26 @@ int KOLVVessaObjectList(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT **ppHead, unsig
     if ((szVal = TRABCSzHashGetValue(pParmHash, "limit"))) jParm["limit"] = DecimalOrText(szVal);
     return KOLVVessaObjectList(jParm, ppHead, total);
 }
+
+namespace kolv {
+
+bool ListChildIds(const std::string &strNs, const Json::Value &jParent, uid_t requester,
+                  std::vector<std::string> &vIds) {
+    Json::Value jList(Json::objectValue);
+    jList["ns"] = strNs;
+    jList["requester"] = (Json::UInt)requester;
+    jList["filter"]["parent_id"] = jParent;
+    jList["offset"] = 0;
+    jList["limit"] = -1;
+    KOLV_VESSA_OBJECT_LIST list;
+    unsigned int total = 0;
+    if (KOLV_APPEND_IF(0 > list.ListObject(jList, total))) return false;
+    for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next)
+        vIds.push_back(p->get_id());
+    return true;
+}
+
+} // namespace kolv
 
 int KOLV_VESSA_OBJECT_LIST::ListObject(const Json::Value &jParm, unsigned int &total) {
     clear();

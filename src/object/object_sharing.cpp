@@ -30,13 +30,7 @@ bool CheckSharingParm(const Json::Value &jParm) {
         return false;
     }
     if (KOLV_FAIL_IF(1007, jParm.isMember("recursive") && !jParm["recursive"].isBool())) return false;
-    if (!kolv::CheckRequest(jParm)) return false;
-    if (UID_ROOT != jParm["requester"].asLargestUInt() &&
-        KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(jParm["ns"].asCString()))) {
-        return false;
-    }
-    if (KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(jParm["id"].asCString()))) return false;
-    return true;
+    return kolv::CheckChangeAccess(jParm);
 }
 
 // The owner changes his ACL; anybody else needs "rw".
@@ -47,22 +41,6 @@ bool CheckSharingRight(const Json::Value &jParm, const KOLV_VESSA_OBJECT &tmpOld
                       tmpOldObj.get_perm().c_str());
         return false;
     }
-    return true;
-}
-
-// The ids the index lists directly below strId, every page.
-bool ListChildren(const Json::Value &jParm, const std::string &strId, std::vector<std::string> &vIds) {
-    Json::Value jList(Json::objectValue);
-    jList["ns"] = jParm["ns"];
-    jList["requester"] = 0;
-    jList["filter"]["parent_id"] = strId;
-    jList["offset"] = 0;
-    jList["limit"] = -1;
-    KOLV_VESSA_OBJECT_LIST list;
-    unsigned int total = 0;
-    if (KOLV_APPEND_IF(0 > list.ListObject(jList, total))) return false;
-    for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next)
-        vIds.push_back(p->get_id());
     return true;
 }
 
@@ -114,7 +92,7 @@ int ShareOne(KOLV_VESSA_OBJECT &obj, const Json::Value &jsParm) {
 void PushDown(const Json::Value &jsParm) {
     std::set<std::string> setVisited{jsParm["id"].asString()};
     std::vector<std::string> vQueue;
-    if (!ListChildren(jsParm, jsParm["id"].asString(), vQueue)) KOLVVessaErrSyslog();
+    if (!kolv::ListChildIds(jsParm["ns"].asString(), jsParm["id"], UID_ROOT, vQueue)) KOLVVessaErrSyslog();
     for (size_t i = 0; i < vQueue.size(); ++i) {
         const std::string strChild = vQueue[i];
         if (!setVisited.insert(strChild).second) continue;
@@ -128,7 +106,7 @@ void PushDown(const Json::Value &jsParm) {
         if (ret < 0) {
             KOLV_OBJECT_SYSLOG("Failed to set perm id:[%s] by requester [%u]", strChild.c_str(), 0u);
             KOLVVessaErrSyslog();
-        } else if (ret > 0 && !ListChildren(jChild, strChild, vQueue)) {
+        } else if (ret > 0 && !kolv::ListChildIds(jChild["ns"].asString(), strChild, UID_ROOT, vQueue)) {
             KOLVVessaErrSyslog();
         }
     }
