@@ -337,16 +337,16 @@ KOLV_EXPORT bool KOLVVessaObjectDownload(TRABSZHASH *pParmHash);
  * Refuses root (0) and UID_ERR (1015 "UID_ERR == uid || UID_ROOT == uid")
  * without listing. A user with no objects succeeds. Objects that cannot be
  * deleted are left, and the call still succeeds; false only when the
- * listing fails. The owner must still be a valid user (else his objects
- * fail the multi-object pre-check and stay): once he is gone, the orphan
- * clean-up below takes them. */
+ * listing fails. The objects go whatever became of their owner (removed,
+ * expired, without a home). */
 KOLV_EXPORT bool KOLVVessaObjectDeleteByUid(uid_t uid);
 /* Deletes, as the system and whatever became of their owners, every
  * object whose owner is not a local user (the platform's user table and
  * the system's users from uid 1000), in every namespace. False when the
  * users or the index cannot be listed; a namespace whose delete fails does
- * not stop the others. With the platform's user table unreadable its
- * users count as gone. */
+ * not stop the others. A platform user table that is there but cannot be
+ * read fails the call before anything is listed: its users are unknown,
+ * not gone. */
 KOLV_EXPORT bool KOLVVessaObjectDeleteNonExistDirSvsUid(void);
 
 #include "kolvvessaobjectgetter.h"

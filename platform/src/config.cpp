@@ -3,6 +3,7 @@
  * anew (it is small), so there is no shared state to guard.
  */
 #include <json/json.h>
+#include <errno.h>
 #include <limits.h>
 
 #include <fstream>
@@ -64,15 +65,19 @@ PlatformConfig LoadPlatformConfig() {
     char szPath[PATH_MAX];
     if (!KOLVSysPath(kConfigPath, szPath, sizeof(szPath))) return config;
     std::ifstream ifs(szPath, std::ios::binary);
-    if (!ifs) return config;
+    if (!ifs) {
+        config.blBroken = ENOENT != errno;
+        return config;
+    }
     Json::Value jRoot;
     Json::CharReaderBuilder builder;
     std::string strErr;
     try {
-        if (!Json::parseFromStream(builder, ifs, &jRoot, &strErr) || !jRoot.isObject()) return config;
+        config.blBroken = !Json::parseFromStream(builder, ifs, &jRoot, &strErr) || !jRoot.isObject();
     } catch (const Json::Exception &) {
-        return config;
+        config.blBroken = true;
     }
+    if (config.blBroken) return config;
     const Json::Value &jShares = jRoot["shares"];
     if (jShares.isObject()) {
         for (const std::string &strName : jShares.getMemberNames()) {

@@ -30,13 +30,17 @@ struct PlatformConfig {
     bool blHomeDomain = false;
     bool blHomeDirectory = false;
     std::vector<TableUser> users;
+    /* The file is there but cannot be read or is not a JSON object: its
+     * users are unknown, which is not the same as none. */
+    bool blBroken = false;
 
     const TableUser *FindUid(uid_t uid) const;
     const TableUser *FindName(const std::string &strName) const;
 };
 
 /* Reads the config; a missing or unreadable file, or one that is not a
- * JSON object, gives the defaults (no shares, no users). Never throws
+ * JSON object, gives the defaults (no shares, no users); the last two also
+ * set blBroken. Never throws
  * except std::bad_alloc. */
 PlatformConfig LoadPlatformConfig();
 

@@ -170,6 +170,12 @@ int TRABUserInfoEnum(int authType, const char *szFilter, int offset, int limit, 
     if (authType != AUTH_LOCAL) return 0;
     try {
         PlatformConfig config = kolvplatform::LoadPlatformConfig();
+        // Users that cannot be listed are not users that are gone: a
+        // caller deciding what to remove by this list must not go on.
+        if (config.blBroken) {
+            errno = EIO;
+            return -1;
+        }
         std::vector<UserRecord> users;
         std::set<uid_t> seen;
         for (const TableUser &user : config.users) {

@@ -33,9 +33,11 @@ Json::Value IdsByNamespace(const KOLV_VESSA_OBJECT_LIST &list) {
 }
 
 // Lists what jsParam selects and deletes it, one multi-object delete per
-// namespace. blOrphans: the owners are gone, so the objects cannot be read
-// for the usual pre-check; the system's own delete takes them as they lie.
-bool ListAndDelete(Json::Value jsParam, bool blOrphans) {
+// namespace. The delete is the system's own, which takes the objects
+// whatever became of their owner: gone, expired or without a home, the
+// owner could not pass the usual pre-check, and that is when his objects
+// are cleaned up.
+bool ListAndDelete(Json::Value jsParam) {
     KOLV_VESSA_OBJECT_LIST list;
     unsigned int uTotal = 0;
     if (KOLV_APPEND_IF(0 > list.ListObject(jsParam, uTotal))) return false;
@@ -50,12 +52,7 @@ bool ListAndDelete(Json::Value jsParam, bool blOrphans) {
         jsParam["ns"] = strNs;
         jsParam["id"] = jByNs[strNs];
         Json::Value jsResult(Json::objectValue);
-        if (blOrphans) {
-            kolv::BatchDeleteAsSystem(jsParam, jsResult);
-        } else {
-            KOLV_VESSA_OBJECT_LIST batch;
-            batch.Delete(jsParam, jsResult);
-        }
+        kolv::BatchDeleteAsSystem(jsParam, jsResult);
     }
     list.clear();
     return true;
@@ -74,7 +71,7 @@ bool DeleteByUid(uid_t uid) {
     if (KOLV_FAIL_IF(1015, UID_ERR == uid || UID_ROOT == uid)) return false;
     Json::Value jFilter(Json::objectValue);
     jFilter["owner_uid"] = (Json::UInt)uid;
-    return ListAndDelete(CleanupRequest(jFilter), false);
+    return ListAndDelete(CleanupRequest(jFilter));
 }
 
 bool DeleteOrphans() {
@@ -83,7 +80,7 @@ bool DeleteOrphans() {
     if (KOLV_APPEND_IF(0 >
                        TRABUserInfoEnum(AUTH_LOCAL, NULL, 0, -1, GetExistLocalUser, &jsParam["filter"]["_not_owner_"])))
         return false;
-    return ListAndDelete(jsParam, true);
+    return ListAndDelete(jsParam);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -41,6 +42,36 @@ class CleanupTest : public objtest::IndexedStoreTest {
         if (!obj.Create(jParm)) ADD_FAILURE() << "create failed: " << StackText();
         return obj.get_id();
     }
+    // A book with a note under it in "note" and one in "todo", made by uid
+    // in a child process: this process, like a maintenance tool, never
+    // sees uid as a valid owner.
+    std::vector<std::pair<std::string, std::string>> MakeElsewhere(unsigned uid) {
+        const std::string strIds = m_sys.Path("/tmp/made.ids");
+        pid_t pid = fork();
+        if (0 == pid) {
+            std::string strBook = Make(uid, "note");
+            kolvtest::WriteFile(strIds, strBook + " " + Make(uid, "note", strBook) + " " + Make(uid, "todo"));
+            _exit(::testing::Test::HasFailure() ? 1 : 0);
+        }
+        int status = -1;
+        EXPECT_TRUE(0 < pid && pid == waitpid(pid, &status, 0) && 0 == status);
+        std::istringstream iss(kolvtest::ReadFile(strIds));
+        std::vector<std::pair<std::string, std::string>> vMade = {{"note", ""}, {"note", ""}, {"todo", ""}};
+        for (auto &obj : vMade)
+            iss >> obj.second;
+        return vMade;
+    }
+    // The platform's users, with uid changed by change (or left out when
+    // it gives false).
+    void ChangeUser(unsigned uid, const std::function<bool(Json::Value &)> &change) {
+        Json::Value jConfig = kolvtest::Sysroot::DefaultPlatformConfig();
+        Json::Value jUsers(Json::arrayValue);
+        for (Json::Value jUser : jConfig["users"]) {
+            if (jUser["uid"].asUInt() != uid || change(jUser)) jUsers.append(jUser);
+        }
+        jConfig["users"] = jUsers;
+        m_sys.WritePlatformConfig(jConfig);
+    }
     bool OnDisk(const std::string &strNs, const std::string &strID) const {
         struct stat st;
         return 0 == lstat((m_sys.Repo() + "/" + strNs + "/" + strID).c_str(), &st);
@@ -56,9 +87,10 @@ TEST_F(CleanupTest, ByUidRefusesRootAndNoUserAndTakesEveryNamespaceOfThatOwnerOn
     EXPECT_FAILS(KOLVVessaObjectDeleteByUid(UID_ERR), 1015, "UID_ERR == uid || UID_ROOT == uid");
     setenv("PGHOST", strHost.c_str(), 1);
 
-    std::string strBook = Make(kAlice, "note");
-    std::vector<std::pair<std::string, std::string>> vAlice = {
-        {"note", strBook}, {"note", Make(kAlice, "note", strBook)}, {"todo", Make(kAlice, "todo")}};
+    // alice's account has expired: her objects cannot be read as hers
+    // any more, and still go.
+    std::vector<std::pair<std::string, std::string>> vAlice = MakeElsewhere(kAlice);
+    ChangeUser(kAlice, [](Json::Value &jUser) { return (jUser["expired"] = true).asBool(); });
     std::string strBobs = Make(kBob, "note");
     std::string strBobsTodo = Make(kBob, "todo");
     ASSERT_EQ("5", Rows("TRUE"));
@@ -77,35 +109,17 @@ TEST_F(CleanupTest, ByUidRefusesRootAndNoUserAndTakesEveryNamespaceOfThatOwnerOn
 }
 
 // bob leaves the appliance; his objects, which nobody can read any more,
-// still go, while alice's stay. A listing that fails deletes nothing.
-// bob's objects are made in a child process, so that this process, like
-// a maintenance tool, has never seen bob as a valid owner.
+// still go, while alice's stay. A listing that fails, or a user table that
+// cannot be read, deletes nothing.
 TEST_F(CleanupTest, OrphansOfARemovedUserGoAndTheOthersStay) {
-    const std::string strIds = m_sys.Path("/tmp/bob.ids");
-    pid_t pid = fork();
-    ASSERT_LE(0, pid);
-    if (0 == pid) {
-        std::string strBook = Make(kBob, "note");
-        kolvtest::WriteFile(strIds, strBook + " " + Make(kBob, "note", strBook) + " " + Make(kBob, "todo"));
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    ASSERT_EQ(0, status);
-    std::istringstream iss(kolvtest::ReadFile(strIds));
-    std::vector<std::pair<std::string, std::string>> vBob = {{"note", ""}, {"note", ""}, {"todo", ""}};
-    for (auto &obj : vBob)
-        iss >> obj.second;
+    std::vector<std::pair<std::string, std::string>> vBob = MakeElsewhere(kBob);
     std::string strAlices = Make(kAlice, "note");
     ASSERT_EQ("4", Rows("TRUE"));
 
-    Json::Value jConfig = kolvtest::Sysroot::DefaultPlatformConfig();
-    Json::Value jUsers(Json::arrayValue);
-    for (const Json::Value &jUser : jConfig["users"]) {
-        if (jUser["uid"].asUInt() != kBob) jUsers.append(jUser);
-    }
-    jConfig["users"] = jUsers;
-    m_sys.WritePlatformConfig(jConfig);
+    kolvtest::WriteFile(m_sys.Path("/usr/kolv/etc/platform.conf"), "{\"users\":[");
+    EXPECT_FALSE(KOLVVessaObjectDeleteNonExistDirSvsUid());
+    EXPECT_EQ("4", Rows("TRUE"));
+    ChangeUser(kBob, [](Json::Value &) { return false; });
     // The index cannot be listed: nothing is deleted.
     KOLVFaultArm(1);
     EXPECT_FALSE(KOLVVessaObjectDeleteNonExistDirSvsUid());

@@ -185,6 +185,7 @@ typedef int (*TRAB_USER_ENUM_CB)(const KOLVUSER *pUser, void *pArg);
 /* Calls cb for every user of authType (AUTH_LOCAL: NSS users with a uid of
  * 1000 or above and the platform table). szFilter, offset and limit are
  * reserved (NULL, 0, -1). Returns the number of users, negative on failure
+ * (EIO: the platform config is there but unreadable or not a JSON object)
  * or when cb returns negative. */
 KOLV_PLATFORM_API int TRABUserInfoEnum(int authType, const char *szFilter, int offset, int limit, TRAB_USER_ENUM_CB cb,
                                        void *pArg);
