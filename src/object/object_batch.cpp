@@ -35,25 +35,25 @@ bool ThreadStartFaulted() {
 // One id of the request into the chain slot *ppObj. The system requester
 // 0 may do anything; anybody else needs "rw" or "owner" on an object he
 // does not own, and for a delete he must own it.
-bool CheckOneId(const Json::Value &jParm, Json::Value::const_iterator jsIt, kolv::BatchOwnerRule rule,
-                KOLV_VESSA_OBJECT **ppObj) {
+bool CheckOneId(const Json::Value &jParm, kolv::BatchOwnerRule rule, bool blReadAhead, KOLV_VESSA_OBJECT **ppObj) {
     const uid_t requester = (uid_t)jParm["requester"].asInt64();
+    const Json::Value jItem = (*ppObj)->m_param;
+    const std::string strId = jItem["id"].asString();
     // The clean-up of objects whose owner is gone cannot ask whether the
     // owner is valid: it is not, and that is why the objects go.
     if (kolv::BatchOwnerRule::SystemAnyOwner != rule &&
-        KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid((*jsIt).asString().c_str()))) {
+        KOLV_APPEND_IF(FALSE == KOLVVessaObjectIDIsValid(strId.c_str()))) {
         return false;
     }
     uid_t owner = UID_ERR;
-    if (KOLV_APPEND_IF(UID_ERR == (owner = KOLVVessaObjectGetOwnerByID((*jsIt).asString())))) return false;
+    if (KOLV_APPEND_IF(UID_ERR == (owner = KOLVVessaObjectGetOwnerByID(strId)))) return false;
     if (kolv::BatchOwnerRule::OwnerOnly == rule && UID_ROOT != requester && KOLV_FAIL_IF(1023, owner != requester)) {
         return false;
     }
-    if (KOLV_FAIL_IF(1014, NULL == (*ppObj = KOLVVessaObjectAlloc()))) return false;
-    Json::Value jItem(jParm);
-    jItem["id"] = *jsIt;
+    // A read that failed ahead is made again here, for its own error.
     Json::Value jGetParm = kolv::WholeObjectParm(jItem);
-    if (KOLV_APPEND_IF(!(*ppObj)->Get(jGetParm))) return false;
+    if (!blReadAhead && KOLV_APPEND_IF(!(*ppObj)->Get(jGetParm))) return false;
+    (*ppObj)->m_param = jItem;
     KOLV_VESSA_OBJECT *pObj = *ppObj;
     if (UID_ROOT != requester && owner != requester && "rw" != pObj->get_perm() && "owner" != pObj->get_perm()) {
         if (kolv::BatchOwnerRule::AclChange == rule) {
@@ -64,27 +64,40 @@ bool CheckOneId(const Json::Value &jParm, Json::Value::const_iterator jsIt, kolv
         }
         return false;
     }
-    (*ppObj)->m_param = jItem;
     return true;
+}
+
+// Reads one object for the requester, ahead of the checks.
+bool ReadAhead(KOLVVESSA_BACKEND_OP *, KOLV_VESSA_OBJECT *pObj) {
+    const Json::Value jItem = pObj->m_param;
+    bool blRead = pObj->Get(kolv::WholeObjectParm(jItem));
+    pObj->m_param = jItem;
+    return blRead;
 }
 
 // What a worker is handed; it owns it.
 struct WorkerArg {
-    Json::Value jBucket;
+    kolv::BatchBucket bucket;
     kolv::BatchItemWork work;
 };
 
+// The id a result is filed under: the request's, which a failed read-back
+// cannot clear.
+std::string ItemId(const KOLV_VESSA_OBJECT *pObj) {
+    return pObj->m_param["id"].asString();
+}
+
 // One bucket, with pBackendFs when the caller lends one, else with a
-// backend of its own. Every id of the bucket gets a member.
-void RunBucket(const Json::Value &jBucket, kolv::BatchItemWork work, KOLVVESSA_BACKEND_OP *pBackendFs,
+// backend of its own. Every object of the bucket gets a member.
+void RunBucket(const kolv::BatchBucket &bucket, kolv::BatchItemWork work, KOLVVESSA_BACKEND_OP *pBackendFs,
                Json::Value &jResult) {
     std::unique_ptr<KOLVVESSA_BACKEND_OP> guardFs;
     if (NULL == pBackendFs) {
         if (!KOLV_FAIL_IF(1010, NULL == (pBackendFs = RegisterBackend::New("fs")))) guardFs.reset(pBackendFs);
     }
-    for (const Json::Value &jItem : jBucket) {
-        const std::string strId = jItem["id"].asString();
-        jResult[strId] = pBackendFs && KOLV_NO_THROW(false, [&]() -> bool { return work(pBackendFs, jItem); });
+    for (KOLV_VESSA_OBJECT *pObj : bucket) {
+        const std::string strId = ItemId(pObj);
+        jResult[strId] = pBackendFs && KOLV_NO_THROW(false, [&]() -> bool { return work(pBackendFs, pObj); });
     }
 }
 
@@ -95,7 +108,7 @@ void *BatchWorker(void *pv) {
     Json::Value *pjResult = new (std::nothrow) Json::Value(Json::objectValue);
     if (NULL == pjResult) return NULL;
     try {
-        RunBucket(pArg->jBucket, pArg->work, NULL, *pjResult);
+        RunBucket(pArg->bucket, pArg->work, NULL, *pjResult);
     } catch (...) {
         delete pjResult;
         return NULL;
@@ -103,10 +116,10 @@ void *BatchWorker(void *pv) {
     return pjResult;
 }
 
-// Every id of a bucket as failed, until its outcome is known.
-void MarkFailed(const Json::Value &jBucket, Json::Value &jsResult) {
-    for (const Json::Value &jItem : jBucket)
-        jsResult[jItem["id"].asString()] = false;
+// Every object of a bucket as failed, until its outcome is known.
+void MarkFailed(const kolv::BatchBucket &bucket, Json::Value &jsResult) {
+    for (const KOLV_VESSA_OBJECT *pObj : bucket)
+        jsResult[ItemId(pObj)] = false;
 }
 
 // The calling thread's own backend, made on first need and kept for the
@@ -129,12 +142,12 @@ struct Started {
 
 // Starts one thread per non-empty bucket, in bucket order; a bucket whose
 // thread cannot start is done at once on this thread.
-void StartWorkers(const Json::Value &jBuckets, kolv::BatchItemWork work, CallerBackend &caller,
+void StartWorkers(const std::vector<kolv::BatchBucket> &vBuckets, kolv::BatchItemWork work, CallerBackend &caller,
                   std::vector<Started> &vStarted, Json::Value &jsResult) {
-    for (unsigned i = 0; i < jBuckets.size(); ++i) {
-        const Json::Value &jBucket = jBuckets[i];
-        if (0 == jBucket.size()) continue;
-        WorkerArg *pArg = new (std::nothrow) WorkerArg{jBucket, work};
+    for (unsigned i = 0; i < vBuckets.size(); ++i) {
+        const kolv::BatchBucket &bucket = vBuckets[i];
+        if (bucket.empty()) continue;
+        WorkerArg *pArg = new (std::nothrow) WorkerArg{bucket, work};
         pthread_t tid;
         int rc = EAGAIN;
         if (pArg && !ThreadStartFaulted()) rc = pthread_create(&tid, NULL, BatchWorker, pArg);
@@ -143,10 +156,10 @@ void StartWorkers(const Json::Value &jBuckets, kolv::BatchItemWork work, CallerB
             KOLV_OBJECT_SYSLOG("Fail to create thread for bucket %u, err=%d; done by the caller", i, rc);
             KOLVVESSA_BACKEND_OP *pBackendFs = caller.Get();
             if (NULL == pBackendFs) {
-                MarkFailed(jBucket, jsResult);
+                MarkFailed(bucket, jsResult);
                 continue;
             }
-            RunBucket(jBucket, work, pBackendFs, jsResult);
+            RunBucket(bucket, work, pBackendFs, jsResult);
             continue;
         }
         g_cThreadsStarted.fetch_add(1);
@@ -155,10 +168,10 @@ void StartWorkers(const Json::Value &jBuckets, kolv::BatchItemWork work, CallerB
 }
 
 // Joins in start order and merges each worker's outcome.
-void JoinWorkers(const Json::Value &jBuckets, const std::vector<Started> &vStarted, Json::Value &jsResult) {
+void JoinWorkers(const std::vector<kolv::BatchBucket> &vBuckets, const std::vector<Started> &vStarted,
+                 Json::Value &jsResult) {
     for (const Started &started : vStarted) {
-        const Json::Value &jBucket = jBuckets[started.bucket];
-        MarkFailed(jBucket, jsResult);
+        MarkFailed(vBuckets[started.bucket], jsResult);
         void *pRet = NULL;
         int rc = pthread_join(started.tid, &pRet);
         if (0 != rc) {
@@ -198,12 +211,22 @@ bool PreCheck(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, BatchOwnerRu
     kolv::ObjectChain chain;
     KOLV_VESSA_OBJECT **ppObj = chain.Head();
     std::set<std::string> setSeen;
-    const Json::Value &jIds = jParm["id"];
-    for (Json::Value::const_iterator jsIt = jIds.begin(); jsIt != jIds.end(); ++jsIt) {
-        if (KOLV_FAIL_IF(1007, !(*jsIt).isString())) return false;
-        if (!setSeen.insert((*jsIt).asString()).second) continue;
-        if (!CheckOneId(jParm, jsIt, rule, ppObj)) return false;
+    for (const Json::Value &jId : jParm["id"]) {
+        if (KOLV_FAIL_IF(1007, !jId.isString())) return false;
+        if (!setSeen.insert(jId.asString()).second) continue;
+        if (KOLV_FAIL_IF(1014, NULL == (*ppObj = KOLVVessaObjectAlloc()))) return false;
+        (*ppObj)->m_param = jParm;
+        (*ppObj)->m_param["id"] = jId;
         ppObj = &(*ppObj)->m_next;
+    }
+    // The objects are read on the worker threads; the checks then go id
+    // by id, in order, as if each object were read in its turn.
+    Json::Value jsRead(Json::objectValue);
+    if (!RunBatch(*chain.Head(), ReadAhead, jsRead)) return false;
+    for (ppObj = chain.Head(); *ppObj; ppObj = &(*ppObj)->m_next) {
+        if (!CheckOneId(jParm, rule, jsRead.get((*ppObj)->m_param["id"].asString(), false).asBool(), ppObj)) {
+            return false;
+        }
     }
     *ppHead = chain.Release();
     return true;
@@ -227,33 +250,29 @@ void BatchHooks::Post(const Json::Value &jParm, const KOLV_VESSA_OBJECT *pHead) 
     if (m_pfnPost) m_pfnPost(jParm, pHead);
 }
 
-Json::Value BatchBuckets(const KOLV_VESSA_OBJECT *pHead) {
-    Json::Value jBuckets(Json::arrayValue);
-    for (unsigned i = 0; i < kBatchBuckets; ++i)
-        jBuckets.append(Json::Value(Json::arrayValue));
+std::vector<BatchBucket> BatchBuckets(KOLV_VESSA_OBJECT *pHead) {
+    std::vector<BatchBucket> vBuckets(kBatchBuckets);
     unsigned i = 0;
-    for (const KOLV_VESSA_OBJECT *p = pHead; p; p = p->m_next, ++i)
-        jBuckets[i % kBatchBuckets].append(p->m_param);
-    return jBuckets;
+    for (KOLV_VESSA_OBJECT *p = pHead; p; p = p->m_next, ++i)
+        vBuckets[i % kBatchBuckets].push_back(p);
+    return vBuckets;
 }
 
-bool RunBatch(const KOLV_VESSA_OBJECT *pHead, BatchItemWork work, Json::Value &jsResult) {
+bool RunBatch(KOLV_VESSA_OBJECT *pHead, BatchItemWork work, Json::Value &jsResult) {
     if (!jsResult.isObject()) jsResult = Json::Value(Json::objectValue);
     if (NULL == pHead) return true;
     CallerBackend caller;
     // One object: no thread at all.
     if (NULL == pHead->m_next) {
-        Json::Value jBucket(Json::arrayValue);
-        jBucket.append(pHead->m_param);
         KOLVVESSA_BACKEND_OP *pBackendFs = NULL;
         if (KOLV_FAIL_IF(1010, NULL == (pBackendFs = caller.Get()))) return false;
-        RunBucket(jBucket, work, pBackendFs, jsResult);
+        RunBucket(BatchBucket{pHead}, work, pBackendFs, jsResult);
         return true;
     }
-    const Json::Value jBuckets = BatchBuckets(pHead);
+    const std::vector<BatchBucket> vBuckets = BatchBuckets(pHead);
     std::vector<Started> vStarted;
-    StartWorkers(jBuckets, work, caller, vStarted, jsResult);
-    JoinWorkers(jBuckets, vStarted, jsResult);
+    StartWorkers(vBuckets, work, caller, vStarted, jsResult);
+    JoinWorkers(vBuckets, vStarted, jsResult);
     return true;
 }
 

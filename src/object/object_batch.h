@@ -17,6 +17,7 @@
 #include <json/json.h>
 
 #include <string>
+#include <vector>
 
 #include "kolvvessa/kolvvessa_backend.h"
 #include "kolvvessa/kolvvessa_ns_hook.h"
@@ -48,7 +49,8 @@ bool CheckBatchMembers(const Json::Value &jParm);
 /* Checks every id of jParm["id"] in order and chains the objects, read
  * for the requester with every field, at *ppHead (which must be NULL; an
  * id given twice is taken once). Each object's m_param holds jParm with
- * that object's "id". Any failure frees what was chained and leaves
+ * that object's "id". The objects are read in the worker scheme and then
+ * checked in order on the calling thread. Any failure frees what was chained and leaves
  * *ppHead NULL: the namespace switch (not for requester 0), the id and its
  * owner, 1014 when no object can be made, the read, and the permission the
  * rule asks (1023). */
@@ -72,20 +74,25 @@ class BatchHooks {
     KOLVVESSA_NS_HOOK m_pfnPost;
 };
 
-/* The work on one object: jItem is the object's m_param; pBackendFs a file
- * backend of the thread doing it. True when the object was done. Runs on
- * worker threads: it may use nothing shared but what the library guards. */
-typedef bool (*BatchItemWork)(KOLVVESSA_BACKEND_OP *pBackendFs, const Json::Value &jItem);
+/* The work on one object of the chain, whose m_param is its request;
+ * pBackendFs is a file backend of the thread doing it. True when the
+ * object was done. Runs on worker threads: each object is worked on by
+ * one thread only, which may leave it read back in pObj; the work may use
+ * nothing else shared but what the library guards. */
+typedef bool (*BatchItemWork)(KOLVVESSA_BACKEND_OP *pBackendFs, KOLV_VESSA_OBJECT *pObj);
 
-/* The objects' m_param dealt into kBatchBuckets arrays, object i into
- * array i mod kBatchBuckets. */
-Json::Value BatchBuckets(const KOLV_VESSA_OBJECT *pHead);
+/* One bucket: the objects one thread works on, in chain order. */
+typedef std::vector<KOLV_VESSA_OBJECT *> BatchBucket;
+
+/* The chain's objects dealt into kBatchBuckets buckets, object i into
+ * bucket i mod kBatchBuckets. */
+std::vector<BatchBucket> BatchBuckets(KOLV_VESSA_OBJECT *pHead);
 
 /* Runs work for every object of the chain in the worker scheme and sets
  * jsResult["<id>"] to its outcome. False only when the calling thread
  * itself needed a file backend and none could be made (1010); the
  * objects' own failures are only the false members. */
-bool RunBatch(const KOLV_VESSA_OBJECT *pHead, BatchItemWork work, Json::Value &jsResult);
+bool RunBatch(KOLV_VESSA_OBJECT *pHead, BatchItemWork work, Json::Value &jsResult);
 
 /* Deletes objects as the system, whatever became of their owners: the
  * clean-up of objects whose owner is no longer a local user. jParm is the

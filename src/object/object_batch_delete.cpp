@@ -20,8 +20,8 @@ namespace {
 
 using kolv::BatchOwnerRule;
 
-bool DeleteFromStore(KOLVVESSA_BACKEND_OP *pBackendFs, const Json::Value &jItem) {
-    if (KOLV_APPEND_IF(!pBackendFs->Delete(jItem))) return false;
+bool DeleteFromStore(KOLVVESSA_BACKEND_OP *pBackendFs, KOLV_VESSA_OBJECT *pObj) {
+    if (KOLV_APPEND_IF(!pBackendFs->Delete(pObj->m_param))) return false;
     return true;
 }
 

@@ -49,30 +49,23 @@ bool PrepareAll(const Json::Value &jParm, KOLV_VESSA_OBJECT *pHead) {
     return true;
 }
 
-bool SetInStore(KOLVVESSA_BACKEND_OP *pBackendFs, const Json::Value &jItem) {
-    std::string strNewVer = jItem["version"].asString();
-    if (KOLV_APPEND_IF(!pBackendFs->Set(jItem, strNewVer))) return false;
-    return true;
-}
-
-// Every object that changed, whatever became of the others: read back
-// into the list and re-indexed. Neither failure undoes the change; both
-// are logged.
-void ReadBackAndIndex(KOLV_VESSA_OBJECT *pHead, const Json::Value &jsResult) {
-    for (KOLV_VESSA_OBJECT *pObj = pHead; pObj; pObj = pObj->m_next) {
-        const Json::Value jParm = pObj->m_param;
-        if (!jsResult.get(jParm["id"].asString(), false).asBool()) continue;
-        Json::Value jGetParm = kolv::WholeObjectParm(jParm);
-        if (KOLV_APPEND_IF(!pObj->Get(jGetParm))) {
-            KOLVVessaErrSyslog();
-            pObj->m_param = jParm;
-        }
-        if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(jParm["id"].asCString(), jParm["ns"].asCString(),
-                                                 (uid_t)jParm["requester"].asInt64()))) {
-            KOLV_OBJECT_SYSLOG("Failed to record set action of KOLV_VESSA_OBJECT in db. ns=[%s] id=[%s] ver=[%s]",
-                               jParm["ns"].asCString(), jParm["id"].asCString(), pObj->get_version().c_str());
-        }
+// Stores one object's change, then reads it back into the list and
+// re-indexes it, all on the worker: an object that changed is indexed
+// whatever becomes of the others. Neither the read-back nor the index
+// undoes the change; their failures are logged.
+bool SetInStore(KOLVVESSA_BACKEND_OP *pBackendFs, KOLV_VESSA_OBJECT *pObj) {
+    const Json::Value jParm = pObj->m_param;
+    std::string strNewVer = jParm["version"].asString();
+    if (KOLV_APPEND_IF(!pBackendFs->Set(jParm, strNewVer))) return false;
+    Json::Value jGetParm = kolv::WholeObjectParm(jParm);
+    if (KOLV_APPEND_IF(!pObj->Get(jGetParm))) KOLVVessaErrSyslog();
+    pObj->m_param = jParm;
+    if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(jParm["id"].asCString(), jParm["ns"].asCString(),
+                                             (uid_t)jParm["requester"].asInt64()))) {
+        KOLV_OBJECT_SYSLOG("Failed to record set action of KOLV_VESSA_OBJECT in db. ns=[%s] id=[%s] ver=[%s]",
+                           jParm["ns"].asCString(), jParm["id"].asCString(), strNewVer.c_str());
     }
+    return true;
 }
 
 bool doMultiThreadSet(KOLV_VESSA_OBJECT_LIST *pList, Json::Value &jsResult) {
@@ -95,7 +88,6 @@ bool KOLV_VESSA_OBJECT_LIST::Set(const Json::Value &jParm, Json::Value &jsResult
         kolv::BatchHooks hooks(jParm["ns"].asString(), "set");
         hooks.Pre(jParm, m_head);
         if (KOLV_APPEND_IF(!doMultiThreadSet(this, jsResult))) return false;
-        ReadBackAndIndex(m_head, jsResult);
         hooks.Post(jParm, m_head);
         return true;
     });

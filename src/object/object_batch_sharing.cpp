@@ -35,9 +35,12 @@ bool PreCheck(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead) {
     return kolv::PreCheck(jParm, ppHead, kolv::BatchOwnerRule::AclChange);
 }
 
-bool ShareInStore(KOLVVESSA_BACKEND_OP *, const Json::Value &jItem) {
-    KOLV_VESSA_OBJECT obj;
-    if (KOLV_APPEND_IF(!obj.Sharing(jItem))) {
+// The ACL change leaves the object, read back, in the list.
+bool ShareInStore(KOLVVESSA_BACKEND_OP *, KOLV_VESSA_OBJECT *pObj) {
+    const Json::Value jItem = pObj->m_param;
+    bool blDone = pObj->Sharing(jItem);
+    pObj->m_param = jItem;
+    if (KOLV_APPEND_IF(!blDone)) {
         KOLVVessaErrSyslog();
         KOLV_OBJECT_SYSLOG("Failed to set perm id:[%s] by requester [%u]", jItem["id"].asCString(),
                            (unsigned)jItem["requester"].asInt64());
@@ -50,18 +53,6 @@ bool doMultiThreadSharing(KOLV_VESSA_OBJECT_LIST *pList, Json::Value &jsResult) 
     return kolv::RunBatch(pList->m_head, ShareInStore, jsResult);
 }
 
-// The objects that changed, as they are now. A failed read is logged; the
-// change stands.
-void ReadBack(KOLV_VESSA_OBJECT *pHead, const Json::Value &jsResult) {
-    for (KOLV_VESSA_OBJECT *pObj = pHead; pObj; pObj = pObj->m_next) {
-        const Json::Value jParm = pObj->m_param;
-        if (!jsResult.get(jParm["id"].asString(), false).asBool()) continue;
-        Json::Value jGetParm = kolv::WholeObjectParm(jParm);
-        if (KOLV_APPEND_IF(!pObj->Get(jGetParm))) KOLVVessaErrSyslog();
-        pObj->m_param = jParm;
-    }
-}
-
 } // namespace
 
 bool KOLV_VESSA_OBJECT_LIST::Sharing(const Json::Value &jParm, Json::Value &jsResult) {
@@ -71,7 +62,6 @@ bool KOLV_VESSA_OBJECT_LIST::Sharing(const Json::Value &jParm, Json::Value &jsRe
         if (KOLV_APPEND_IF(!PreCheck(jParm, &m_head))) return false;
         if (!jsResult.isObject()) jsResult = Json::Value(Json::objectValue);
         if (KOLV_APPEND_IF(!doMultiThreadSharing(this, jsResult))) return false;
-        ReadBack(m_head, jsResult);
         return true;
     });
 }

@@ -165,13 +165,14 @@ TEST_F(BatchTest, ThirtyOneIdsRunOnThirtyThreadsAndAFailingObjectFailsAlone) {
     Json::Value jsResult;
     unsigned long cStarted = kolv::BatchThreadsStarted();
     ASSERT_TRUE(list.Set(SetReq(vIds, kAlice, "y", 10), jsResult)) << StackText();
-    EXPECT_EQ(cStarted + 30, kolv::BatchThreadsStarted());
-    Json::Value jBuckets = kolv::BatchBuckets(list.m_head);
-    ASSERT_EQ(30u, jBuckets.size());
-    ASSERT_EQ(2u, jBuckets[0].size());
-    EXPECT_EQ(vIds[0], jBuckets[0][0]["id"].asString());
-    EXPECT_EQ(vIds[30], jBuckets[0][1]["id"].asString());
-    EXPECT_EQ(vIds[29], jBuckets[29][0]["id"].asString());
+    // 30 to read the objects, 30 to change them.
+    EXPECT_EQ(cStarted + 60, kolv::BatchThreadsStarted());
+    std::vector<kolv::BatchBucket> vBuckets = kolv::BatchBuckets(list.m_head);
+    ASSERT_EQ(30u, vBuckets.size());
+    ASSERT_EQ(2u, vBuckets[0].size());
+    EXPECT_EQ(vIds[0], vBuckets[0][0]->get_id());
+    EXPECT_EQ(vIds[30], vBuckets[0][1]->get_id());
+    EXPECT_EQ(vIds[29], vBuckets[29][0]->get_id());
     ASSERT_EQ(31u, jsResult.size());
     for (const std::string &strId : vIds) {
         EXPECT_EQ(strId != strBroken, jsResult[strId].asBool()) << strId;
@@ -179,11 +180,12 @@ TEST_F(BatchTest, ThirtyOneIdsRunOnThirtyThreadsAndAFailingObjectFailsAlone) {
     }
     ExpectIndexMatchesStore();
 
-    // The first thread cannot be started: its bucket is done by the caller.
-    kolv::BatchThreadFaultArm(1);
+    // The first thread of the change cannot be started: its bucket is done
+    // by the caller.
+    kolv::BatchThreadFaultArm(31);
     cStarted = kolv::BatchThreadsStarted();
     ASSERT_TRUE(list.Set(SetReq(vIds, kAlice, "z", 20), jsResult = Json::Value())) << StackText();
-    EXPECT_EQ(cStarted + 29, kolv::BatchThreadsStarted());
+    EXPECT_EQ(cStarted + 59, kolv::BatchThreadsStarted());
     ASSERT_EQ(31u, jsResult.size());
     for (const std::string &strId : vIds) {
         EXPECT_EQ(strId != strBroken, jsResult[strId].asBool()) << strId;
