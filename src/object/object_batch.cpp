@@ -168,10 +168,8 @@ void StartWorkers(const std::vector<kolv::BatchBucket> &vBuckets, kolv::BatchIte
 }
 
 // Joins in start order and merges each worker's outcome.
-void JoinWorkers(const std::vector<kolv::BatchBucket> &vBuckets, const std::vector<Started> &vStarted,
-                 Json::Value &jsResult) {
+void JoinWorkers(const std::vector<Started> &vStarted, Json::Value &jsResult) {
     for (const Started &started : vStarted) {
-        MarkFailed(vBuckets[started.bucket], jsResult);
         void *pRet = NULL;
         int rc = pthread_join(started.tid, &pRet);
         if (0 != rc) {
@@ -270,9 +268,13 @@ bool RunBatch(KOLV_VESSA_OBJECT *pHead, BatchItemWork work, Json::Value &jsResul
         return true;
     }
     const std::vector<BatchBucket> vBuckets = BatchBuckets(pHead);
+    // Marked before any worker touches the objects (their ids are read
+    // here, never while a worker may be changing them).
+    for (const BatchBucket &bucket : vBuckets)
+        MarkFailed(bucket, jsResult);
     std::vector<Started> vStarted;
     StartWorkers(vBuckets, work, caller, vStarted, jsResult);
-    JoinWorkers(vBuckets, vStarted, jsResult);
+    JoinWorkers(vStarted, jsResult);
     return true;
 }
 
