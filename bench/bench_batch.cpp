@@ -11,7 +11,7 @@
  * and server conditions are shared. Medians of the rounds are printed.
  *
  * Where the multi-object call's time goes, roughly: the pre-check (every
- * object read and checked on the calling thread, timed alone on the same
+ * object read on the worker threads and checked in order, timed alone on the same
  * ids just before) and the rest (hooks, the threaded storage work, the
  * index), and the processor time of the process against the wall-clock
  * time (the rest is waiting, mostly for the disk's flushes, which the
