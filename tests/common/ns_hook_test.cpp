@@ -63,11 +63,9 @@ TEST_F(NsHookTest, MissingLibraryTableOrOperationFailsCleanly) {
     EXPECT_FALSE(KOLVVessaNsHookGet(pNoTable, "create", &pPre, &pPost));
     EXPECT_EQ(1013, KOLVVessaErrCodeGet());
     EXPECT_EQ(0u, OriginMsg().find("cannot load symbol: ")) << OriginMsg();
-    EXPECT_NE(std::string::npos, OriginMsg().find("GetTable")) << OriginMsg();
     EXPECT_FALSE(KOLVVessaNsBatchHookGet(pNoTable, "set", &pPre, &pPost));
     EXPECT_EQ(1013, KOLVVessaErrCodeGet());
     EXPECT_EQ(0u, OriginMsg().find("cannot load batch table: ")) << OriginMsg();
-    EXPECT_NE(std::string::npos, OriginMsg().find("GetBatchTable")) << OriginMsg();
 
     // An operation the table lacks leaves the outputs and the stack alone.
     void *pCreateOnly = Open("note", KOLV_CREATE_ONLY_HOOK_LIB);
