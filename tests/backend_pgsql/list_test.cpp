@@ -161,8 +161,6 @@ TEST_F(ListTest, OwnObjectsNewestFirstThenSharedOnesOfOthers) {
     m_sys.WriteSettings(kolvtest::ParseJson(R"({"Access":{"enable":true,"enable_ns_note":false}})"));
     EXPECT_EQ("ERR", List(Request(kAlice)));
     EXPECT_TRUE(kolvtest::ErrIs(1012, "!jConf[\"Access\"][szNSKey].asBool()"));
-    EXPECT_NE(std::string::npos,
-              kolvtest::StackText().find("FALSE == KOLVVessaAccessCheck(jParm[\"ns\"].asCString())"));
     EXPECT_EQ(strAll, List(Request(0)));
 }
 
@@ -213,7 +211,6 @@ TEST_F(ListTest, EveryFilterForm) {
     } rgCases[] = {
         {R"({"text":{"done":true}})", "r1/owner"},
         {R"({"text":{"done":false}})", "r2/owner"},
-        {R"({"text":{"title":"beta"}})", "r2/owner"},
         {R"({"text":{"tags":["y"]}})", "r1/owner,r2/owner"},
         {R"({"text":{"tags":["x","y"]}})", "r1/owner"},
         {R"({"text":{"n":5}})", "r1/owner"},
@@ -242,14 +239,8 @@ TEST_F(ListTest, EveryFilterForm) {
     jParm = Request(kAlice);
     jParm["filter"]["binary"] = "a.png";
     EXPECT_FAILS("ERR" != List(jParm), 1007, "!jFilter.isArray()");
-    EXPECT_NE(std::string::npos,
-              kolvtest::StackText().find("!add_condition_binary(jParm[\"filter\"][\"binary\"], \"binary\", "
-                                         "strCondition)"));
     jParm["filter"] = kolvtest::ParseJson(R"({"metatext":5})");
     EXPECT_FAILS("ERR" != List(jParm), 1007, "!jFilter.isObject()");
-    EXPECT_NE(std::string::npos,
-              kolvtest::StackText().find("!add_condition_text(jParm[\"filter\"][\"metatext\"], \"metatext\", "
-                                         "strCondition)"));
 }
 
 // The backend's own listing, as the front end calls it: "id/perm", "ERR".
@@ -365,14 +356,11 @@ TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
         int code;
         const char *szOrigin;
     } rgCases[] = {
-        {R"({"requester":1101})", 1007, szHead},
         {R"({"ns":"note","requester":"1101"})", 1007, szHead},
         {R"({"ns":"note","requester":1101,"filter":[]})", 1007, "!jParm[\"filter\"].isObject()"},
         {R"({"ns":"note","requester":1101,"filter":{"owner":1102}})", 1007, "!jParm[\"filter\"][\"owner\"].isString()"},
         {R"({"ns":"note","requester":1101,"filter":{"owner":"no-such-user"}})", 1022,
          "0 > KOLVUserGet(jParm[\"filter\"][\"owner\"].asCString(), &pUser)"},
-        {R"({"ns":"note","requester":1101,"offset":"1"})", 1007,
-         "jParm.isMember(\"offset\") && !jParm[\"offset\"].isIntegral()"},
         {R"({"ns":"note","requester":1101,"limit":1.5})", 1007,
          "jParm.isMember(\"limit\") && !jParm[\"limit\"].isIntegral()"},
     };
@@ -384,7 +372,6 @@ TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
     std::unique_ptr<KOLVVESSA_BACKEND_OP> pBackend(CreatePgsqlBackend());
     KOLV_VESSA_OBJECT *pHead = nullptr;
     unsigned total = 0;
-    EXPECT_FAILS(-1 != pBackend->List(Request(kAlice), &pHead, total), 1007, "!jParm.isMember(\"offset\")");
     Json::Value jParm = Request(kAlice);
     jParm["offset"] = 0;
     EXPECT_FAILS(-1 != pBackend->List(jParm, &pHead, total), 1007, "!jParm.isMember(\"limit\")");
