@@ -136,7 +136,6 @@ TEST_F(RenameDeleteTest, RenameMovesOneNameAndNeverReplaces) {
     const std::string strHead = Tree(), strLatest = strVer;
     EXPECT_FAILS(Rename("text", "a", "d", strVer), 1008, kCommit);
     EXPECT_FAILS(Rename("text", "b", "c", strVer), 1037, kCommit);
-    EXPECT_FAILS(Rename("binary", "g.bin", "g.bin", strVer), 1037, kCommit);
     EXPECT_FALSE(Rename("version", "b", "d", strVer));
     EXPECT_EQ(1007, KOLVVessaErrCodeGet());
     EXPECT_EQ(0u, kolvtest::OriginMsg().find("bad segement, param=")) << StackText();
