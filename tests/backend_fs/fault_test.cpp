@@ -74,11 +74,7 @@ class FaultTest : public objtest::ObjectStoreTest {
     std::string Src(int v) const { return m_sys.Path("/tmp/src" + std::to_string(v)); }
     std::string MetaSrc(int v) const { return m_sys.Path("/tmp/meta" + std::to_string(v)); }
     std::string NsDir() const { return m_sys.Repo() + "/note"; }
-    static std::string Md5(const std::string &strPath) {
-        std::string strOut;
-        kolvtest::RunCommand("md5sum '" + strPath + "'", &strOut);
-        return strOut.substr(0, 32);
-    }
+    static std::string Md5(const std::string &strPath) { return kolvtest::Md5(kolvtest::ReadFile(strPath)); }
 
     /* The request members that put variant v of each part of strParts in
      * place (t text, b binary file, m meta text, M meta binary file), and
