@@ -17,9 +17,7 @@
 
 namespace {
 
-Json::Value J(const std::string &str) {
-    return kolvtest::ParseJson(str);
-}
+const auto &J = kolvtest::ParseJson;
 
 class IndexObjectTest : public kolvtest::SysrootTest {
   protected:
