@@ -52,31 +52,33 @@ bool UidOf(const Json::Value &jReq, uid_t &uid) {
 
 } // namespace
 
-bool RunBatchSet(const Json::Value &jReq, Json::Value &jOut) {
-    Json::Value jParm, jsResult(Json::objectValue);
-    if (!WithIds(jReq, jParm)) return false;
-    KOLV_VESSA_OBJECT_LIST list;
-    if (!list.Set(jParm, jsResult)) return false;
-    ResultJson(jsResult, jOut);
-    return true;
-}
+namespace {
 
-bool RunBatchDelete(const Json::Value &jReq, Json::Value &jOut) {
-    Json::Value jParm, jsResult(Json::objectValue);
-    if (!WithIds(jReq, jParm)) return false;
-    KOLV_VESSA_OBJECT_LIST list;
-    if (!list.Delete(jParm, jsResult)) return false;
-    ResultJson(jsResult, jOut);
-    return true;
-}
+typedef bool (KOLV_VESSA_OBJECT_LIST::*ListOperation)(const Json::Value &, Json::Value &);
 
-bool RunBatchShare(const Json::Value &jReq, Json::Value &jOut) {
+// One multi-object operation on the ids of the request or of standard
+// input; a "uid" or "gid" given by name becomes its number.
+bool RunOnList(ListOperation operation, const Json::Value &jReq, Json::Value &jOut) {
     Json::Value jParm, jsResult(Json::objectValue);
     if (!WithIds(jReq, jParm) || !ResolvePrincipal(jParm)) return false;
     KOLV_VESSA_OBJECT_LIST list;
-    if (!list.Sharing(jParm, jsResult)) return false;
+    if (!(list.*operation)(jParm, jsResult)) return false;
     ResultJson(jsResult, jOut);
     return true;
+}
+
+} // namespace
+
+bool RunBatchSet(const Json::Value &jReq, Json::Value &jOut) {
+    return RunOnList(&KOLV_VESSA_OBJECT_LIST::Set, jReq, jOut);
+}
+
+bool RunBatchDelete(const Json::Value &jReq, Json::Value &jOut) {
+    return RunOnList(&KOLV_VESSA_OBJECT_LIST::Delete, jReq, jOut);
+}
+
+bool RunBatchShare(const Json::Value &jReq, Json::Value &jOut) {
+    return RunOnList(static_cast<ListOperation>(&KOLV_VESSA_OBJECT_LIST::Sharing), jReq, jOut);
 }
 
 bool RunCleanupUser(const Json::Value &jReq, Json::Value &jOut) {
