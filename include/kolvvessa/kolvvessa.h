@@ -16,5 +16,6 @@
 #include "kolvvessa_ns_hook.h"
 #include "kolvvessa_index.h"
 #include "kolvvessa_field.h"
+#include "kolvvessa_plugin.h"
 
 #endif /* KOLVVESSA_H */
