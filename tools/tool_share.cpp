@@ -52,22 +52,20 @@ bool GroupByName(const std::string &strName, Json::UInt &gid) {
 } // namespace
 
 bool ResolvePrincipal(Json::Value &jParm) {
-    Json::UInt id = 0;
-    if (jParm.isMember("uid") && jParm["uid"].isString()) {
-        const std::string strName = jParm["uid"].asString();
-        if (!UserByName(strName, id)) {
-            KOLVVessaErrSetEx(1022, KOLV_TOOL_FILE, __LINE__, "no user [%s]", strName.c_str());
+    struct Principal {
+        const char *szKey;
+        bool (*pfnByName)(const std::string &, Json::UInt &);
+        const char *szKind;
+    };
+    for (const Principal &principal : {Principal{"uid", UserByName, "user"}, Principal{"gid", GroupByName, "group"}}) {
+        if (!jParm.isMember(principal.szKey) || !jParm[principal.szKey].isString()) continue;
+        const std::string strName = jParm[principal.szKey].asString();
+        Json::UInt id = 0;
+        if (!principal.pfnByName(strName, id)) {
+            KOLVVessaErrSetEx(1022, KOLV_TOOL_FILE, __LINE__, "no %s [%s]", principal.szKind, strName.c_str());
             return false;
         }
-        jParm["uid"] = id;
-    }
-    if (jParm.isMember("gid") && jParm["gid"].isString()) {
-        const std::string strName = jParm["gid"].asString();
-        if (!GroupByName(strName, id)) {
-            KOLVVessaErrSetEx(1022, KOLV_TOOL_FILE, __LINE__, "no group [%s]", strName.c_str());
-            return false;
-        }
-        jParm["gid"] = id;
+        jParm[principal.szKey] = id;
     }
     return true;
 }

@@ -60,11 +60,7 @@ bool SetInStore(KOLVVESSA_BACKEND_OP *pBackendFs, KOLV_VESSA_OBJECT *pObj) {
     Json::Value jGetParm = kolv::WholeObjectParm(jParm);
     if (KOLV_APPEND_IF(!pObj->Get(jGetParm))) KOLVVessaErrSyslog();
     pObj->m_param = jParm;
-    if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(jParm["id"].asCString(), jParm["ns"].asCString(),
-                                             (uid_t)jParm["requester"].asInt64()))) {
-        KOLV_OBJECT_SYSLOG("Failed to record set action of KOLV_VESSA_OBJECT in db. ns=[%s] id=[%s] ver=[%s]",
-                           jParm["ns"].asCString(), jParm["id"].asCString(), strNewVer.c_str());
-    }
+    kolv::IndexChanged(jParm, strNewVer);
     return true;
 }
 

@@ -77,6 +77,10 @@ bool PrepareSetParm(Json::Value &jParm, const Json::Value &jAcl, const KOLV_VESS
 bool ListChildIds(const std::string &strNs, const Json::Value &jParent, uid_t requester,
                   std::vector<std::string> &vIds);
 
+/* Re-indexes an object jParm ("ns", "id", "requester") changed to version
+ * strNewVer; a failure is logged and does not undo the change. */
+void IndexChanged(const Json::Value &jParm, const std::string &strNewVer);
+
 /* Applies one sharing request ("type", "op", "perm", "uid"/"gid",
  * "enabled", "recursive") to acl in place. Gives 1 when acl changed, 0
  * when there is nothing to change, -1 (1007 on the stack) for a bad
