@@ -24,4 +24,10 @@ std::string KOLVVessaObjectEscapeStringArrayEx(KOLVDB *pConn, const Json::Value 
  * written. */
 bool KOLVVessaObjectHoldsNul(const KOLV_VESSA_OBJECT &Object);
 
+namespace kolv {
+/* Lays down the table "object" and its indexes on a new database; false
+ * with nothing on the stack when the database refuses. */
+bool CreateIndexSchema(KOLVDB *pConn);
+} // namespace kolv
+
 #endif /* KOLVVESSA_INDEX_INTERNAL_H */

@@ -13,6 +13,7 @@
 #include "common/kolvvessa_nothrow.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
+#include "index/index_row.h"
 #include "index/kolvvessa_index_internal.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_error.h"
@@ -35,47 +36,9 @@ const char szSQLBatchInsertPrefix[] =
     "INSERT INTO object(id, ns, owner, category, parent_id, version, commit_msg, acl, text, metatext, "
     "binary_info, metabinary_info, ctime, mtime, extra_info) VALUES ";
 
-const char szSQLValueTemplate[] =
-    " ('@KOLV:VAR', '@KOLV:VAR', @KOLV:LLINT, '@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', "
-    "'@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', @KOLV:INT, @KOLV:INT, '@KOLV:VAR')";
-
 const char szSQLBatchDeletePrefix[] = "DELETE FROM object where id IN ";
 
-// A JSON member as the database receives it: a null value is stored as an
-// empty object so that every JSON column holds valid JSON.
-std::string JsonText(const Json::Value &j) {
-    return j.isNull() ? std::string("{}") : kolv::JsonToString(j);
-}
-
-// The columns of one row, in table order, as texts that outlive the
-// formatting call.
-struct IndexRow {
-    std::string strId, strNs, strCategory, strParentId, strVersion;
-    std::string strCommitMsg, strAcl, strText, strMetatext, strBinaryInfo, strMetabinaryInfo, strExtraInfo;
-    long long owner;
-    int ctime, mtime;
-
-    explicit IndexRow(const KOLV_VESSA_OBJECT &Object)
-        : strId(Object.get_id()), strNs(Object.get_ns()), strCategory(Object.get_category()),
-          strParentId(Object.get_parent_id()), strVersion(Object.get_version()),
-          strCommitMsg(JsonText(Object.get_commit_msg())), strAcl(JsonText(Object.get_acl())),
-          strText(JsonText(Object.get_text())), strMetatext(JsonText(Object.get_metatext())),
-          strBinaryInfo(JsonText(Object.get_binary_info())), strMetabinaryInfo(JsonText(Object.get_metabinary_info())),
-          strExtraInfo(JsonText(Object.get_extra_info())),
-          // The uid is unsigned 32-bit: widen without sign.
-          owner((long long)(uint32_t)Object.get_owner()), ctime((int)Object.get_ctime()),
-          mtime((int)Object.get_mtime()) {}
-};
-
-char *FormatValue(KOLVDB *pConn, const IndexRow &r) {
-    return KOLVDBEscapeStringEX3(1, pConn, szSQLValueTemplate, r.strId.c_str(), r.strNs.c_str(), r.owner,
-                                 r.strCategory.c_str(), r.strParentId.c_str(), r.strVersion.c_str(),
-                                 r.strCommitMsg.c_str(), r.strAcl.c_str(), r.strText.c_str(), r.strMetatext.c_str(),
-                                 r.strBinaryInfo.c_str(), r.strMetabinaryInfo.c_str(), r.ctime, r.mtime,
-                                 r.strExtraInfo.c_str());
-}
-
-char *FormatUpsert(KOLVDB *pConn, const IndexRow &r) {
+char *FormatUpsert(KOLVDB *pConn, const kolv::IndexRow &r) {
     return KOLVDBEscapeStringEX3(
         1, pConn, szSQLUpsertTemplate,
         // the UPDATE
@@ -88,31 +51,6 @@ char *FormatUpsert(KOLVDB *pConn, const IndexRow &r) {
         r.strMetabinaryInfo.c_str(), r.ctime, r.mtime, r.strExtraInfo.c_str(),
         // the NOT EXISTS test
         r.strId.c_str());
-}
-
-// Strings and member names of a JSON value, walked without recursion so
-// that no depth of hand-made JSON can exhaust the stack.
-bool JsonHoldsNul(const Json::Value &jRoot) {
-    std::vector<const Json::Value *> vStack{&jRoot};
-    while (!vStack.empty()) {
-        const Json::Value *pVal = vStack.back();
-        vStack.pop_back();
-        if (pVal->isString()) {
-            const char *szBegin = NULL, *szEnd = NULL;
-            if (pVal->getString(&szBegin, &szEnd) && memchr(szBegin, '\0', szEnd - szBegin)) return true;
-        } else if (pVal->isObject()) {
-            for (Json::Value::const_iterator it = pVal->begin(); it != pVal->end(); ++it) {
-                const char *szEnd = NULL;
-                const char *szName = it.memberName(&szEnd);
-                if (szName && memchr(szName, '\0', szEnd - szName)) return true;
-                vStack.push_back(&*it);
-            }
-        } else if (pVal->isArray()) {
-            for (const Json::Value &jElem : *pVal)
-                vStack.push_back(&jElem);
-        }
-    }
-    return false;
 }
 
 bool StringHoldsNul(const std::string &str) {
@@ -159,7 +97,7 @@ bool KOLVVessaObjectHoldsNul(const KOLV_VESSA_OBJECT &Object) {
     }
     for (const Json::Value &jVal : {Object.get_commit_msg(), Object.get_acl(), Object.get_text(), Object.get_metatext(),
                                     Object.get_binary_info(), Object.get_metabinary_info(), Object.get_extra_info()}) {
-        if (JsonHoldsNul(jVal)) return true;
+        if (kolv::JsonHoldsNul(jVal)) return true;
     }
     return false;
 }
@@ -170,7 +108,7 @@ bool KOLVVessaObjectIndexEx(KOLVDB *pConn, const char *szID, const char *szNs, u
         if (!ReadForIndex(szID, szNs, requester, Object)) return false;
         // The old row, if any, stays as it was.
         if (KOLV_FAIL_IF(1007, KOLVVessaObjectHoldsNul(Object))) return false;
-        kolv::CString sqlGuard(FormatUpsert(pConn, IndexRow(Object)));
+        kolv::CString sqlGuard(FormatUpsert(pConn, kolv::IndexRowFromObject(Object)));
         const char *szSQLUpsert = sqlGuard.get();
         if (KOLV_FAIL_IF(1000, (NULL == szSQLUpsert))) return false;
         if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(pConn, szSQLUpsert, NULL)))) return false;
@@ -195,7 +133,7 @@ bool KOLVVessaObjectCreateIndexValue(const char *szID, const char *szNs, uid_t o
         // Reindex runs its INSERT on the process's connection: escape for it.
         KOLVDB *pConn = NULL;
         if (KOLV_APPEND_IF(NULL == (pConn = KOLVVessaOpenConn()))) return false;
-        kolv::CString sqlGuard(FormatValue(pConn, IndexRow(Object)));
+        kolv::CString sqlGuard(kolv::FormatIndexRowValues(pConn, kolv::IndexRowFromObject(Object)));
         const char *szSQLUpsert = sqlGuard.get();
         if (KOLV_APPEND_IF(!szSQLUpsert)) return false;
         strOut.assign(szSQLUpsert);
@@ -224,8 +162,8 @@ bool KOLVVessaObjectBatchIndexEx(KOLV_VESSA_OBJECT *pList, KOLVDB *pConn) {
         std::string strValues;
         Json::Value jIds(Json::arrayValue);
         for (KOLV_VESSA_OBJECT *pObject = pList; pObject; pObject = pObject->m_next) {
-            IndexRow Row(*pObject);
-            kolv::CString szValue(KOLVVessaObjectHoldsNul(*pObject) ? NULL : FormatValue(pConn, Row));
+            kolv::IndexRow Row = kolv::IndexRowFromObject(*pObject);
+            kolv::CString szValue(KOLVVessaObjectHoldsNul(*pObject) ? NULL : kolv::FormatIndexRowValues(pConn, Row));
             if (!szValue) {
                 // As in reindex, one object whose row cannot be written
                 // (a NUL, text invalid in the database's encoding) is
