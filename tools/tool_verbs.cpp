@@ -67,12 +67,6 @@ bool RunList(const Json::Value &jReq, Json::Value &jOut) {
     return true;
 }
 
-bool RunReindex(const Json::Value &jReq, Json::Value &jOut) {
-    if (!KOLVVessaReindex(jReq)) return false;
-    jOut["reindexed"] = jReq.isMember("ns") ? jReq["ns"] : Json::Value("*");
-    return true;
-}
-
 // The namespace of a settings request: NULL for the master switch.
 const char *NsOf(const Json::Value &jReq) {
     return jReq.isMember("ns") && jReq["ns"].isString() ? jReq["ns"].asCString() : NULL;
@@ -219,6 +213,9 @@ const std::vector<Verb> gVerbs = {
      "No keys. Lists the local users, then deletes the objects of every other owner.", "{}", RunCleanupOrphans, NULL},
     {"reindex", "rebuild the index from the repository", "Keys: \"ns\" (optional: only that namespace).",
      "{\"ns\":\"note\"}", RunReindex, NULL},
+    {"check", "check the repository and the index, and mend what can be mended",
+     "Keys: \"ns\", \"id\" (optional: one namespace, one object), \"repair\".", "{\"ns\":\"note\"}", RunCheck,
+     "repair"},
     {"access-get", "whether the store (no \"ns\") or a namespace is switched on",
      "Keys: \"ns\" (optional). Prints {\"enabled\": bool} and, when off, the reason.", "{\"ns\":\"note\"}",
      RunAccessGet, NULL},

@@ -58,6 +58,10 @@ bool RunBatchShare(const Json::Value &jReq, Json::Value &jOut);
 bool RunCleanupUser(const Json::Value &jReq, Json::Value &jOut);
 bool RunCleanupOrphans(const Json::Value &jReq, Json::Value &jOut);
 
+/* The administrator's verbs of tool_reindex.cpp and tool_check.cpp. */
+bool RunReindex(const Json::Value &jReq, Json::Value &jOut);
+bool RunCheck(const Json::Value &jReq, Json::Value &jOut);
+
 } // namespace kolvtool
 
 #endif /* KOLVVESSA_TOOL_VERBS_H */
