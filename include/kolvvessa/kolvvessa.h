@@ -17,5 +17,6 @@
 #include "kolvvessa_index.h"
 #include "kolvvessa_field.h"
 #include "kolvvessa_plugin.h"
+#include "kolvvessa_check.h"
 
 #endif /* KOLVVESSA_H */

@@ -1,0 +1,54 @@
+/*
+ * check_walk.cpp - folders of the store read from directory descriptors,
+ * every step with O_NOFOLLOW: the check sees a link and never walks it.
+ */
+#include <dirent.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "check/check_internal.h"
+#include "common/kolvvessa_raii.h"
+
+namespace kolv {
+namespace check {
+
+int OpenDirAt(int fdDir, const char *szName) {
+    return openat(fdDir, szName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+bool ListAt(int fdDir, std::vector<Entry> &entries) {
+    entries.clear();
+    int fdList = dup(fdDir);
+    if (0 > fdList) return false;
+    DIR *pRaw = fdopendir(fdList);
+    if (NULL == pRaw) {
+        close(fdList);
+        return false;
+    }
+    Dir pDir(pRaw);
+    // The copy shares its offset with fdDir: start from the beginning.
+    rewinddir(pDir.get());
+    while (struct dirent *pEnt = readdir(pDir.get())) {
+        if (0 == strcmp(pEnt->d_name, ".") || 0 == strcmp(pEnt->d_name, "..")) continue;
+        Entry entry;
+        entry.strName = pEnt->d_name;
+        // An entry gone since the listing (a writer finishing) is no finding.
+        if (0 != fstatat(fdDir, pEnt->d_name, &entry.st, AT_SYMLINK_NOFOLLOW)) continue;
+        entries.push_back(entry);
+    }
+    return true;
+}
+
+const char *EntryWord(const struct stat &st) {
+    if (S_ISLNK(st.st_mode)) return "a link";
+    if (S_ISDIR(st.st_mode)) return "a folder";
+    if (S_ISREG(st.st_mode)) return "a file";
+    if (S_ISFIFO(st.st_mode)) return "a FIFO";
+    if (S_ISSOCK(st.st_mode)) return "a socket";
+    return "a device";
+}
+
+} // namespace check
+} // namespace kolv
