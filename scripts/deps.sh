@@ -2,7 +2,7 @@
 # Installs the Debian packages the build, the tests and the demo need, when
 # any is missing. Source it: it defines need_packages.
 KOLV_PACKAGES=(build-essential cmake pkg-config ccache libjsoncpp-dev libgit2-dev libssl-dev libpq-dev
-    postgresql libgtest-dev libbenchmark-dev git media-types lighttpd curl time)
+    postgresql libgtest-dev libbenchmark-dev git media-types lighttpd curl time help2man)
 
 need_packages() {
     local missing=() pkg
