@@ -64,6 +64,9 @@ bool RunList(const Json::Value &jReq, Json::Value &jOut) {
     jOut["objects"] = Json::Value(Json::arrayValue);
     for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next)
         jOut["objects"].append(ObjectJson(*p));
+    // The "after" of the next page, when a part of this one was full.
+    Json::Value jNext = KOLVVessaObjectListNext(jParm, list.m_head);
+    if (!jNext.isNull()) jOut["next"] = jNext;
     return true;
 }
 

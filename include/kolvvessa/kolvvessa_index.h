@@ -52,13 +52,22 @@ KOLV_EXPORT bool KOLVVessaObjectCreateIndexValue(const char *szID, const char *s
  * Errors are appended to the stack and shorten the list. */
 KOLV_EXPORT std::string KOLVVessaObjectEscapeStringArray(const Json::Value &jsArray);
 
-/* Lists objects from the index: the requester's own first (newest first),
- * then the shared ones. The chain at *ppHead is owned by the caller (free
- * with KOLVVessaObjectFreeList). Returns the count (= total), negative on
- * failure. */
+/* Lists objects from the index: the requester's own first, then the
+ * shared ones, each part newest first (ties by id in byte order). An
+ * optional "after" {"mtime": integer, "id": string} keeps, in every part,
+ * only the rows strictly after that one in this order (a deep page without
+ * an offset; 1007 when malformed). The chain at *ppHead is owned by the
+ * caller (free with KOLVVessaObjectFreeList). Returns the count (= total),
+ * negative on failure. */
 KOLV_EXPORT int KOLVVessaObjectList(const Json::Value &jParm, KOLV_VESSA_OBJECT **ppHead, unsigned int &total);
-/* The same from a string hash: "ns", "requester", and "filter", "field"
- * as JSON text, "offset", "limit" in decimal. */
+/* The same from a string hash: "ns", "requester", and "filter", "field",
+ * "after" as JSON text, "offset", "limit" in decimal. */
 KOLV_EXPORT int KOLVVessaObjectList(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT **ppHead, unsigned int &total);
+/* The "after" that continues a listing made with jParm whose chain is
+ * pHead: {"mtime", "id"} of a last row, or null when no part of the
+ * listing filled its "limit" (nothing more to list). With both parts
+ * full, the part that ended first in the order gives it, so the next page
+ * skips nothing and may show again a few rows of the other part. */
+KOLV_EXPORT Json::Value KOLVVessaObjectListNext(const Json::Value &jParm, const KOLV_VESSA_OBJECT *pHead);
 
 #endif /* KOLVVESSA_INDEX_H */

@@ -36,6 +36,10 @@ class KOLVVESSA_BACKEND_PGSQL : public KOLVVESSA_BACKEND_OP {
     int ExecuteSelectObjectList(const Json::Value &jParm, const std::string &strCondition, bool blCheckSharing,
                                 bool blCalcPerm, KOLV_VESSA_OBJECT **ppHead, unsigned int &total);
 
+    /* Runs one select of the listing; false with 1000 when the database
+     * refuses. */
+    bool Select(const std::string &strSql, KOLVDBRESULT *&pResult);
+
     KOLVDB *m_conn;
 };
 

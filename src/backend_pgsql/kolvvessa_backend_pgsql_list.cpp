@@ -7,10 +7,17 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <string.h>
+
+#include <algorithm>
+#include <exception>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "backend_pgsql/kolvvessa_backend_pgsql.h"
 #include "common/kolvvessa_fail.h"
@@ -27,7 +34,15 @@
 
 namespace {
 
-const char szCondShared[] = "(CAST(acl->>'enabled' AS BOOL) = true)";
+// The shared-only condition in the form of the shared listing index's
+// predicate; the permission check in code wants the JSON true, which is
+// exactly the text 'true'.
+const char szCondShared[] = "((acl->>'enabled') = 'true')";
+// Newest first, ties by id in byte order: the order of the listing
+// indexes, and one that code can compare.
+const char szOrder[] = " ORDER BY mtime DESC, id COLLATE \"C\" DESC ";
+// Rows that a query paged in code reads at most per statement.
+const int kBatchMax = 4096;
 const char *const rgJsonColumns[] = {"commit_msg", "text", "metatext", "binary_info", "metabinary_info", "extra_info"};
 
 // Answers kept for the life of the process, deliberately, so that a long
@@ -211,18 +226,20 @@ bool IsDecimal(const char *sz) {
 }
 
 // The select of Data model: basic columns and the ACL always, the JSON
-// columns whose key "field" has (whatever its value), newest first. Equal
-// times are ordered by id so that pages never overlap.
-bool BuildSelect(KOLVDB *pConn, const Json::Value &jParm, const std::string &strCondition, bool blPaged,
-                 std::string &strSql) {
-    strSql = "SELECT id, ns, category, parent_id, version, owner, mtime, ctime, acl";
+// columns whose key "field" has (whatever its value), in the listing's
+// order.
+std::string BuildSelect(const Json::Value &jParm, const std::string &strCondition) {
+    std::string strSql = "SELECT id, ns, category, parent_id, version, owner, mtime, ctime, acl";
     const Json::Value &jField = jParm["field"];
     for (const char *szColumn : rgJsonColumns) {
         if (jField.isObject() && jField.isMember(szColumn)) strSql += std::string(", ") + szColumn;
     }
     strSql += " FROM object WHERE " + (strCondition.empty() ? std::string("TRUE") : strCondition);
-    strSql += " ORDER BY mtime DESC, id DESC ";
-    if (!blPaged) return true;
+    return strSql + szOrder;
+}
+
+// The database's paging of a query without per-row checks.
+bool AddPaging(KOLVDB *pConn, const Json::Value &jParm, std::string &strSql) {
     // A negative offset goes to the database as it is, which refuses it.
     int offset = jParm["offset"].asInt(), limit = jParm["limit"].asInt();
     kolv::CString szPage(limit < 0
@@ -231,6 +248,15 @@ bool BuildSelect(KOLVDB *pConn, const Json::Value &jParm, const std::string &str
     if (KOLV_FAIL_IF(1014, NULL == szPage)) return false;
     strSql += szPage.get();
     return true;
+}
+
+// Rows strictly after the row (mtime, id) in the listing's order. A row
+// without a time comes before every row that has one.
+bool AddAfterRow(KOLVDB *pConn, const char *szMtime, const char *szId, std::string &strCondition) {
+    if (!*szMtime)
+        return AddFormatted(pConn, strCondition, "(mtime IS NOT NULL OR id COLLATE \"C\" < '@KOLV:VAR')", szId);
+    return AddFormatted(pConn, strCondition, "(mtime, id COLLATE \"C\") < (@KOLV:LLINT, '@KOLV:VAR')",
+                        strtoll(szMtime, NULL, 10), szId);
 }
 
 // Reads the owner of a row; false skips the row.
@@ -244,41 +270,81 @@ bool RowOwner(KOLVDBRESULT *pResult, int Row, uid_t &owner) {
     return true;
 }
 
-// The per-row checks of a query that code pages: the owner's sharing, the
-// owner's validity and the requester's permission. False hides the row.
-bool RowVisible(KOLVDBRESULT *pResult, int Row, uid_t requester, bool blCheckSharing, bool blCalcPerm,
-                std::string &strPerm) {
-    if (!blCheckSharing && !blCalcPerm) return true;
-    uid_t owner = UID_ERR;
-    if (!RowOwner(pResult, Row, owner)) return false;
-    const char *szNs = KOLVDBFetchField(pResult, Row, "ns");
-    if (blCheckSharing && !SharingCached(szNs ? szNs : "", owner)) return false;
-    if (!blCalcPerm) return true;
-    kolv::KolvJson jACL;
-    const char *szAcl = KOLVDBFetchField(pResult, Row, "acl");
-    jACL.fromString(szAcl ? szAcl : "");
-    bool ret = OwnerValidCached(owner);
-    if (KOLV_FAIL_IF(1020, !ret)) return false;
-    strPerm.clear();
-    if (KOLV_APPEND_IF(!KOLVVessaObjectPermCalculate(requester, owner, jACL, strPerm))) return false;
-    // Only a granted permission makes a row visible.
-    return strPerm == "rw" || strPerm == "ro";
-}
-
-Json::Value JsonField(KOLVDBRESULT *pResult, int Row, const char *szColumn) {
-    kolv::KolvJson j;
-    const char *szVal = KOLVDBFetchField(pResult, Row, szColumn);
-    if (szVal && *szVal) j.fromString(szVal);
-    return j;
-}
-
 std::string TextField(KOLVDBRESULT *pResult, int Row, const char *szColumn) {
     const char *szVal = KOLVDBFetchField(pResult, Row, szColumn);
     return szVal ? szVal : "";
 }
 
-// One row as a record; NULL when it cannot be allocated.
-KOLV_VESSA_OBJECT *RowToObject(KOLVDBRESULT *pResult, int Row, const Json::Value &jField, const std::string &strPerm) {
+// Turns the rows of one call into records: one JSON reader for every
+// column of every row, and the permission of each owner and ACL text
+// worked out once per call.
+class RowReader {
+  public:
+    RowReader(const Json::Value &jParm, bool blCheckSharing, bool blCalcPerm)
+        : m_pReader(Json::CharReaderBuilder().newCharReader()), m_jField(jParm["field"]),
+          m_requester(JsonUid(jParm["requester"])), m_blCheckSharing(blCheckSharing), m_blCalcPerm(blCalcPerm) {}
+
+    // The per-row checks of a query that code pages: the owner's sharing,
+    // the owner's validity and the requester's permission. False hides the
+    // row.
+    bool Visible(KOLVDBRESULT *pResult, int Row, std::string &strPerm);
+    // One row as a record; NULL when it cannot be allocated.
+    KOLV_VESSA_OBJECT *Record(KOLVDBRESULT *pResult, int Row, const std::string &strPerm);
+
+  private:
+    // A column's JSON; null for no text or text that does not parse (as
+    // nested too deep), as a parse of its own would leave it.
+    Json::Value Parse(const char *szVal);
+    Json::Value Field(KOLVDBRESULT *pResult, int Row, const char *szColumn) {
+        return Parse(KOLVDBFetchField(pResult, Row, szColumn));
+    }
+    // "rw" or "ro" when the requester may see the row, else empty.
+    std::string GrantedPerm(uid_t owner, const char *szAcl);
+
+    std::unique_ptr<Json::CharReader> m_pReader;
+    const Json::Value &m_jField;
+    uid_t m_requester;
+    bool m_blCheckSharing, m_blCalcPerm;
+    std::unordered_map<std::string, std::string> m_mapPerm;
+};
+
+Json::Value RowReader::Parse(const char *szVal) {
+    Json::Value j;
+    if (!szVal || !*szVal) return j;
+    try {
+        Json::Value jParsed;
+        if (m_pReader->parse(szVal, szVal + strlen(szVal), &jParsed, NULL)) j.swap(jParsed);
+    } catch (const std::exception &) {
+    }
+    return j;
+}
+
+std::string RowReader::GrantedPerm(uid_t owner, const char *szAcl) {
+    Json::Value jACL = Parse(szAcl);
+    bool ret = OwnerValidCached(owner);
+    if (KOLV_FAIL_IF(1020, !ret)) return "";
+    std::string strPerm;
+    if (KOLV_APPEND_IF(!KOLVVessaObjectPermCalculate(m_requester, owner, jACL, strPerm))) return "";
+    // Only a granted permission makes a row visible.
+    return strPerm == "rw" || strPerm == "ro" ? strPerm : "";
+}
+
+bool RowReader::Visible(KOLVDBRESULT *pResult, int Row, std::string &strPerm) {
+    if (!m_blCheckSharing && !m_blCalcPerm) return true;
+    uid_t owner = UID_ERR;
+    if (!RowOwner(pResult, Row, owner)) return false;
+    const char *szNs = KOLVDBFetchField(pResult, Row, "ns");
+    if (m_blCheckSharing && !SharingCached(szNs ? szNs : "", owner)) return false;
+    if (!m_blCalcPerm) return true;
+    const char *szAcl = KOLVDBFetchField(pResult, Row, "acl");
+    std::string strKey = std::to_string(owner) + ":" + (szAcl ? szAcl : "");
+    auto it = m_mapPerm.find(strKey);
+    if (it == m_mapPerm.end()) it = m_mapPerm.emplace(strKey, GrantedPerm(owner, szAcl)).first;
+    strPerm = it->second;
+    return !strPerm.empty();
+}
+
+KOLV_VESSA_OBJECT *RowReader::Record(KOLVDBRESULT *pResult, int Row, const std::string &strPerm) {
     KOLV_VESSA_OBJECT *pObject = NULL;
     if (KOLV_APPEND_IF(NULL == (pObject = KOLVVessaObjectAlloc()))) return NULL;
     pObject->set_id(TextField(pResult, Row, "id"));
@@ -289,25 +355,86 @@ KOLV_VESSA_OBJECT *RowToObject(KOLVDBRESULT *pResult, int Row, const Json::Value
     pObject->set_owner((unsigned long)strtoll(TextField(pResult, Row, "owner").c_str(), NULL, 10));
     pObject->set_mtime(strtol(TextField(pResult, Row, "mtime").c_str(), NULL, 10));
     pObject->set_ctime(strtol(TextField(pResult, Row, "ctime").c_str(), NULL, 10));
-    bool blField = jField.isObject();
-    if (blField && jField.isMember("commit_msg")) pObject->set_commit_msg(JsonField(pResult, Row, "commit_msg"));
-    if (blField && jField.isMember("text")) pObject->set_text(JsonField(pResult, Row, "text"));
-    if (blField && jField.isMember("metatext")) pObject->set_metatext(JsonField(pResult, Row, "metatext"));
-    if (blField && jField.isMember("binary_info")) pObject->set_binary_info(JsonField(pResult, Row, "binary_info"));
-    if (blField && jField.isMember("metabinary_info"))
-        pObject->set_metabinary_info(JsonField(pResult, Row, "metabinary_info"));
-    if (blField && jField.isMember("extra_info")) pObject->set_extra_info(JsonField(pResult, Row, "extra_info"));
-    pObject->set_acl(JsonField(pResult, Row, "acl"));
+    bool blField = m_jField.isObject();
+    if (blField && m_jField.isMember("commit_msg")) pObject->set_commit_msg(Field(pResult, Row, "commit_msg"));
+    if (blField && m_jField.isMember("text")) pObject->set_text(Field(pResult, Row, "text"));
+    if (blField && m_jField.isMember("metatext")) pObject->set_metatext(Field(pResult, Row, "metatext"));
+    if (blField && m_jField.isMember("binary_info")) pObject->set_binary_info(Field(pResult, Row, "binary_info"));
+    if (blField && m_jField.isMember("metabinary_info"))
+        pObject->set_metabinary_info(Field(pResult, Row, "metabinary_info"));
+    if (blField && m_jField.isMember("extra_info")) pObject->set_extra_info(Field(pResult, Row, "extra_info"));
+    pObject->set_acl(Field(pResult, Row, "acl"));
     pObject->set_perm(strPerm);
     return pObject;
 }
 
+// The records of a listing, in order.
+struct Chain {
+    KOLV_VESSA_OBJECT *pHead = NULL, **ppTail = &pHead;
+    int count = 0;
+    void Add(KOLV_VESSA_OBJECT *pObject) {
+        *ppTail = pObject;
+        ppTail = &pObject->m_next;
+        ++count;
+    }
+};
+
+// The rows of one result at the chain's end: the first skip visible ones
+// left out (the countdown goes on into the next batch), up to a positive
+// limit. False when a record cannot be made.
+bool ReadRows(RowReader &reader, KOLVDBRESULT *pResult, int &skip, int limit, Chain &chain) {
+    for (int Row = -1; 0 == KOLVDBFetchRow(pResult, &Row);) {
+        std::string strPerm;
+        if (!reader.Visible(pResult, Row, strPerm)) continue;
+        // The offset counts visible objects only.
+        if (skip > 0) {
+            --skip;
+            continue;
+        }
+        KOLV_VESSA_OBJECT *pObject = reader.Record(pResult, Row, strPerm);
+        if (!pObject) return false;
+        chain.Add(pObject);
+        if (limit > 0 && chain.count >= limit) return true;
+    }
+    return true;
+}
+
+// Holds the objects of others that the requester could be granted: a
+// grant to everybody, to the requester by uid, or to one of the
+// requester's groups (looked up once here; without them no group grant
+// can apply). Code still decides each row.
+bool AddGrantCondition(KOLVDB *pConn, uid_t requester, std::string &strCondition) {
+    std::string strGrant = "(acl->'public'->>'perm' IN ('ro','rw')";
+    if (UID_ERR != requester) {
+        std::vector<std::string> vKeys(1, std::to_string(requester));
+        std::string strName;
+        TRABCSzList *pGrpList = NULL;
+        if (KOLVVessaGetUserName(requester, strName, true) &&
+            NULL != (pGrpList = TRABGroupInfoListGet(strName.c_str(), FALSE))) {
+            kolv::SzList grpList(pGrpList);
+            for (int i = 0; i < TRABCSzListCount(pGrpList); ++i) {
+                const char *szGid = TRABCSzListGet(pGrpList, i);
+                if (szGid) vKeys.push_back(szGid);
+            }
+        }
+        for (size_t i = 0; i < vKeys.size(); ++i) {
+            kolv::CString szTerm(KOLVDBEscapeStringEX3(1, pConn, "(acl->'@KOLV:VAR'->'@KOLV:VAR') IS NOT NULL",
+                                                       0 == i ? "hmx_user" : "hmx_group", vKeys[i].c_str()));
+            if (KOLV_FAIL_IF(1014, NULL == szTerm)) return false;
+            strGrant += std::string(" OR ") + szTerm.get();
+        }
+    }
+    AddCond(strCondition, strGrant + ")");
+    return true;
+}
+
 // The condition that keeps the objects of others that the requester may
-// see: not the requester's, shared, and of none of the owners who switched
-// sharing off in the namespace.
+// see: not the requester's, shared, granted, and of none of the owners who
+// switched sharing off in the namespace.
 bool BuildSharedCondition(KOLVDB *pConn, const std::string &strNs, uid_t requester, std::string &strCondition) {
     if (!AddFormatted(pConn, strCondition, "owner != @KOLV:LLINT", (long long)requester)) return false;
     AddCond(strCondition, szCondShared);
+    if (!AddGrantCondition(pConn, requester, strCondition)) return false;
     // The calls that grow the list may move it: the guard frees whatever
     // it holds last.
     kolv::SzListRef list;
@@ -324,6 +451,18 @@ bool BuildSharedCondition(KOLVDB *pConn, const std::string &strNs, uid_t request
     return true;
 }
 
+// The keyset cursor of the request: rows strictly after {"mtime", "id"}
+// in the listing's order, in every part of the listing.
+bool AddRequestAfter(KOLVDB *pConn, const Json::Value &jParm, std::string &strCondition) {
+    if (!jParm.isMember("after")) return true;
+    const Json::Value &jAfter = jParm["after"];
+    if (KOLV_FAIL_IF(1007, !jAfter.isObject() || !jAfter["mtime"].isInt64() || !jAfter["id"].isString())) return false;
+    std::string strId = jAfter["id"].asString();
+    if (KOLV_FAIL_IF(1007, std::string::npos != strId.find('\0'))) return false;
+    return AddFormatted(pConn, strCondition, "(mtime, id COLLATE \"C\") < (@KOLV:LLINT, '@KOLV:VAR')",
+                        (long long)jAfter["mtime"].asInt64(), strId.c_str());
+}
+
 } // namespace
 
 bool KOLVVESSA_BACKEND_PGSQL::init() {
@@ -332,43 +471,66 @@ bool KOLVVESSA_BACKEND_PGSQL::init() {
     return true;
 }
 
+bool KOLVVESSA_BACKEND_PGSQL::Select(const std::string &strSql, KOLVDBRESULT *&pResult) {
+    pResult = NULL;
+    return !KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(m_conn, strSql.c_str(), &pResult)));
+}
+
+// A query without per-row checks, paged by the database.
+static bool SelectPaged(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jParm, const std::string &strCondition,
+                        RowReader &reader, Chain &chain) {
+    std::string strSql = BuildSelect(jParm, strCondition);
+    if (!AddPaging(pBackend->m_conn, jParm, strSql)) return false;
+    KOLVDBRESULT *pResult = NULL;
+    if (!pBackend->Select(strSql, pResult)) return false;
+    kolv::DBResult guard(pResult);
+    int skip = 0;
+    return ReadRows(reader, pResult, skip, -1, chain);
+}
+
+// A query paged in code: bounded batches in the listing's order, each
+// after the last row of the one before, until offset + limit visible rows
+// are found or the rows run out. A limit of 0 or less is no limit here,
+// unlike in the database.
+static bool SelectInBatches(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jParm,
+                            const std::string &strCondition, RowReader &reader, Chain &chain) {
+    int skip = jParm["offset"].asInt(), limit = jParm["limit"].asInt();
+    long long want = limit > 0 ? (long long)std::max(skip, 0) + limit : kBatchMax;
+    int batch = (int)std::min<long long>(want, kBatchMax);
+    std::string strBatchCond = strCondition;
+    for (;;) {
+        kolv::CString szLimit(KOLVDBEscapeStringEX3(1, pBackend->m_conn, " LIMIT @KOLV:INT ", batch));
+        if (KOLV_FAIL_IF(1014, NULL == szLimit)) return false;
+        std::string strSql = BuildSelect(jParm, strBatchCond) + szLimit.get();
+        KOLVDBRESULT *pResult = NULL;
+        if (!pBackend->Select(strSql, pResult)) return false;
+        kolv::DBResult guard(pResult);
+        if (!ReadRows(reader, pResult, skip, limit, chain)) return false;
+        int rows = KOLVDBResultRows(pResult);
+        if ((limit > 0 && chain.count >= limit) || rows < batch) return true;
+        strBatchCond = strCondition;
+        if (!AddAfterRow(pBackend->m_conn, KOLVDBFetchField(pResult, rows - 1, "mtime"),
+                         KOLVDBFetchField(pResult, rows - 1, "id"), strBatchCond))
+            return false;
+        batch = std::min(2 * batch, kBatchMax);
+    }
+}
+
 int KOLVVESSA_BACKEND_PGSQL::ExecuteSelectObjectList(const Json::Value &jParm, const std::string &strCondition,
                                                      bool blCheckSharing, bool blCalcPerm, KOLV_VESSA_OBJECT **ppHead,
                                                      unsigned int &total) {
+    RowReader reader(jParm, blCheckSharing, blCalcPerm);
+    Chain chain;
     // Only a query without per-row checks can be paged by the database.
-    bool blPaged = !blCheckSharing && !blCalcPerm;
-    std::string strSql;
-    if (!BuildSelect(m_conn, jParm, strCondition, blPaged, strSql)) return -1;
-    KOLVDBRESULT *pResult = NULL;
-    if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(m_conn, strSql.c_str(), &pResult)))) return -1;
-    kolv::DBResult guard(pResult);
-    uid_t requester = JsonUid(jParm["requester"]);
-    int skip = blPaged ? 0 : jParm["offset"].asInt();
-    int limit = jParm["limit"].asInt();
-    KOLV_VESSA_OBJECT *pHead = NULL, **ppTail = &pHead;
-    int count = 0;
-    for (int Row = -1; 0 == KOLVDBFetchRow(pResult, &Row);) {
-        std::string strPerm;
-        if (!RowVisible(pResult, Row, requester, blCheckSharing, blCalcPerm, strPerm)) continue;
-        // The offset counts visible objects only.
-        if (skip > 0) {
-            --skip;
-            continue;
-        }
-        KOLV_VESSA_OBJECT *pObject = RowToObject(pResult, Row, jParm["field"], strPerm);
-        if (!pObject) {
-            KOLVVessaObjectFreeList(pHead);
-            return -1;
-        }
-        *ppTail = pObject;
-        ppTail = &pObject->m_next;
-        ++count;
-        // A limit of 0 or less is no limit here, unlike in the database.
-        if (!blPaged && limit > 0 && count >= limit) break;
+    bool blOk = !blCheckSharing && !blCalcPerm ? SelectPaged(this, jParm, strCondition, reader, chain)
+                                               : SelectInBatches(this, jParm, strCondition, reader, chain);
+    if (!blOk) {
+        KOLVVessaObjectFreeList(chain.pHead);
+        return -1;
     }
-    *ppHead = pHead;
-    total = (unsigned)count;
-    return count;
+    *ppHead = chain.pHead;
+    total = (unsigned)chain.count;
+    return chain.count;
 }
 
 // The objects of one owner: the requester's own (or any for root), or the
@@ -387,6 +549,7 @@ static int ListOneOwner(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jP
     if (!AddFormatted(pBackend->m_conn, strCondition, "owner = @KOLV:LLINT", (long long)owner)) return -1;
     if (blOther) {
         AddCond(strCondition, szCondShared);
+        if (!AddGrantCondition(pBackend->m_conn, requester, strCondition)) return -1;
         return pBackend->ExecuteSelectObjectList(jParm, strCondition, false, true, ppHead, total);
     }
     int count = pBackend->ExecuteSelectObjectList(jParm, strCondition, false, false, ppHead, total);
@@ -432,6 +595,7 @@ static int ListChecked(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jPa
     uid_t requester = JsonUid(jParm["requester"]);
     std::string strCondition;
     if (!BuildCondition(pBackend->m_conn, jParm, requester, strCondition)) return -1;
+    if (!AddRequestAfter(pBackend->m_conn, jParm, strCondition)) return -1;
     if (jParm["filter"].isObject() && jParm["filter"].isMember("owner")) {
         return ListOneOwner(pBackend, jParm, strCondition, requester, ppHead, total);
     }

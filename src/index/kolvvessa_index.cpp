@@ -104,6 +104,7 @@ KOLVDB *KOLVVessaOpenConn(void) {
     if (KOLV_FAIL_IF(1024, FALSE == TRABServiceIsRunning(SZ_PGSQL_SERVICE_NAME))) return NULL;
     gpConn = KOLVDBConnect(NULL, "postgres", NULL, "kolvvessa");
     if (!gpConn && !CreateAndConnect()) return NULL;
+    kolv::MigrateIndexSchema(gpConn);
     gOpenerPid = getpid();
     if (!gblAtExitRegistered) {
         gblAtExitRegistered = (0 == atexit(KOLVVessaCloseGlobalConn));

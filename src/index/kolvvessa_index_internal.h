@@ -28,6 +28,11 @@ namespace kolv {
 /* Lays down the table "object" and its indexes on a new database; false
  * with nothing on the stack when the database refuses. */
 bool CreateIndexSchema(KOLVDB *pConn);
+/* Adds the listing indexes to a table made before them, once, under a
+ * database lock so that two processes opening at once do it once; rows
+ * are untouched. False (logged, nothing on the stack) when the database
+ * refuses: listings then still answer, only slower. */
+bool MigrateIndexSchema(KOLVDB *pConn);
 } // namespace kolv
 
 #endif /* KOLVVESSA_INDEX_INTERNAL_H */

@@ -116,9 +116,53 @@ int KOLVVessaObjectList(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT **ppHead, unsig
     }
     if ((szVal = TRABCSzHashGetValue(pParmHash, "filter"))) jParm["filter"] = JsonOrText(szVal);
     if ((szVal = TRABCSzHashGetValue(pParmHash, "field"))) jParm["field"] = JsonOrText(szVal);
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "after"))) jParm["after"] = JsonOrText(szVal);
     if ((szVal = TRABCSzHashGetValue(pParmHash, "offset"))) jParm["offset"] = DecimalOrText(szVal);
     if ((szVal = TRABCSzHashGetValue(pParmHash, "limit"))) jParm["limit"] = DecimalOrText(szVal);
     return KOLVVessaObjectList(jParm, ppHead, total);
+}
+
+namespace {
+
+// Whether row a comes after row b in the listing's order: newest first,
+// ties by id in byte order.
+bool ComesAfter(const KOLV_VESSA_OBJECT *a, const KOLV_VESSA_OBJECT *b) {
+    if (a->get_mtime() != b->get_mtime()) return a->get_mtime() < b->get_mtime();
+    return a->get_id().compare(b->get_id()) < 0;
+}
+
+// The last row of each part of a listing that filled its limit: the own
+// part (permission "owner") and the shared part.
+void LastOfFullParts(int limit, const KOLV_VESSA_OBJECT *pHead, std::vector<const KOLV_VESSA_OBJECT *> &vLast) {
+    for (bool blOwn : {true, false}) {
+        int count = 0;
+        const KOLV_VESSA_OBJECT *pLast = NULL;
+        for (const KOLV_VESSA_OBJECT *p = pHead; p; p = p->m_next) {
+            if ((p->get_perm() == "owner") != blOwn) continue;
+            pLast = p;
+            ++count;
+        }
+        if (pLast && limit > 0 && count >= limit) vLast.push_back(pLast);
+    }
+}
+
+} // namespace
+
+Json::Value KOLVVessaObjectListNext(const Json::Value &jParm, const KOLV_VESSA_OBJECT *pHead) {
+    return KOLV_NO_THROW_AS(Json::Value(), 1007, "list cursor", [&]() -> Json::Value {
+        int limit = jParm.isMember("limit") && jParm["limit"].isIntegral() ? jParm["limit"].asInt() : -1;
+        std::vector<const KOLV_VESSA_OBJECT *> vLast;
+        LastOfFullParts(limit, pHead, vLast);
+        if (vLast.empty()) return Json::Value();
+        const KOLV_VESSA_OBJECT *pNext = vLast[0];
+        for (const KOLV_VESSA_OBJECT *p : vLast) {
+            if (ComesAfter(pNext, p)) pNext = p;
+        }
+        Json::Value jNext(Json::objectValue);
+        jNext["mtime"] = (Json::Int64)pNext->get_mtime();
+        jNext["id"] = pNext->get_id();
+        return jNext;
+    });
 }
 
 namespace kolv {

@@ -2,9 +2,13 @@
 // may see; filters; field selection; paging; the front-end checks.
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "kolvvessa/kolvvessa_backend.h"
 #include "kolvvessa/kolvvessa_common.h"
@@ -12,6 +16,7 @@
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_index.h"
 #include "kolvvessa/kolvvessa_object.h"
+#include "index/kolvvessa_index_internal.h"
 #include "index/sql_corpus.h"
 #include "support/kolv_test_support.h"
 
@@ -323,6 +328,28 @@ TEST_F(ListTest, InjectionCorpusIsDataWithNonStandardStrings) {
     EXPECT_EQ("0", kolvtest::Psql("SELECT count(*) FROM pg_tables WHERE tablename = 'pwned';"));
 }
 
+// Pages of jParm by offset (after == false) or by the cursor each page
+// gives for the next, until a page comes back empty: every id in order.
+std::vector<std::string> Pages(Json::Value jParm, int limit, bool blAfter) {
+    std::vector<std::string> vIds;
+    jParm["limit"] = limit;
+    for (int page = 0; page < 1000; ++page) {
+        if (!blAfter) jParm["offset"] = page * limit;
+        KOLV_VESSA_OBJECT_LIST list;
+        unsigned total = 0;
+        int count = list.ListObject(jParm, total);
+        EXPECT_LE(0, count) << kolvtest::StackText();
+        if (count <= 0) break;
+        for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next)
+            vIds.push_back(p->get_id());
+        if (limit <= 0) break;
+        if (!blAfter) continue;
+        jParm["after"] = KOLVVessaObjectListNext(jParm, list.m_head);
+        if (jParm["after"].isNull()) break;
+    }
+    return vIds;
+}
+
 TEST_F(ListTest, PagesOfEqualTimesNeverOverlap) {
     Rows rows;
     for (int i = 0; i < 500; ++i)
@@ -330,27 +357,115 @@ TEST_F(ListTest, PagesOfEqualTimesNeverOverlap) {
     ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
 
     // Alice's own objects are paged by the database, bob's view of them in
-    // code.
+    // code; the cursor walks the same rows as the offset.
     for (unsigned requester : {kAlice, kBob}) {
-        std::set<std::string> seen;
-        for (int offset = 0; offset < 500; offset += 50) {
-            Json::Value jParm = Request(requester);
-            jParm["offset"] = offset;
-            jParm["limit"] = 50;
-            KOLV_VESSA_OBJECT_LIST list;
-            unsigned total = 0;
-            ASSERT_EQ(50, list.ListObject(jParm, total)) << kolvtest::StackText();
-            EXPECT_EQ(50u, total);
-            for (KOLV_VESSA_OBJECT *p = list.m_head; p; p = p->m_next)
-                seen.insert(p->get_id());
-        }
-        EXPECT_EQ(500u, seen.size()) << requester;
+        std::vector<std::string> vByOffset = Pages(Request(requester), 50, false);
+        EXPECT_EQ(500u, std::set<std::string>(vByOffset.begin(), vByOffset.end()).size()) << requester;
+        EXPECT_EQ(vByOffset, Pages(Request(requester), 50, true)) << requester;
+        EXPECT_EQ(vByOffset, Pages(Request(requester), 7, true)) << requester;
     }
+
+    // A cursor past every row keeps them all; one before every row keeps
+    // none.
+    Json::Value jParm = Request(kBob);
+    jParm["after"]["mtime"] = (Json::Int64)INT64_MAX;
+    jParm["after"]["id"] = "";
+    EXPECT_EQ(500u, Pages(jParm, -1, false).size());
+    jParm["after"]["mtime"] = (Json::Int64)INT64_MIN;
+    EXPECT_EQ("", List(jParm));
+}
+
+// Bob shares many objects, few of them with alice: the ones she may see
+// are all on her pages, in order, however the others fall. Some pass the
+// database's look at the ACL and fail only the permission in code.
+TEST_F(ListTest, SharedPagesFindTheFewVisibleRowsAmongMany) {
+    Rows rows;
+    std::vector<std::string> vVisible;
+    const char *rgAcl[] = {
+        R"({"enabled":true,"hmx_user":{"1104":{"perm":"rw"}}})",   // another user's grant
+        R"({"enabled":true,"hmx_user":{"1101":{"perm":"none"}}})", // a word that grants nothing
+        R"({"enabled":false,"public":{"perm":"rw"}})",             // not shared
+        R"({"enabled":true,"public":{"perm":"xx"}})",              // no permission word
+        R"({"enabled":true,"public":{"perm":"ro"}})",              // visible
+        R"({"enabled":true,"hmx_group":{"2001":{"perm":"rw"}}})",  // visible by her group
+    };
+    for (int i = 0; i < 600; ++i) {
+        int kind = i % 37 == 0 ? 4 : i % 53 == 0 ? 5 : i % 4;
+        std::string strId = "b" + std::to_string(1000 + i);
+        rows.Add(strId, kBob, 100000 - i / 3, kolvtest::ParseJson(rgAcl[kind]));
+        if (kind >= 4) vVisible.push_back(strId);
+    }
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+    ASSERT_LT(20u, vVisible.size());
+    // Three rows a second; equal times go by id, highest first.
+    for (size_t i = 0; i + 1 < vVisible.size(); ++i) {
+        if ((std::stoi(vVisible[i].substr(1)) - 1000) / 3 == (std::stoi(vVisible[i + 1].substr(1)) - 1000) / 3)
+            std::swap(vVisible[i], vVisible[i + 1]);
+    }
+    EXPECT_EQ(vVisible, Pages(Request(kAlice), 3, false));
+    EXPECT_EQ(vVisible, Pages(Request(kAlice), 3, true));
+    Json::Value jParm = Request(kAlice);
+    jParm["filter"]["owner"] = "bob";
+    EXPECT_EQ(vVisible, Pages(jParm, 5, true));
+    EXPECT_EQ(vVisible, Pages(Request(kAlice), -1, false));
+}
+
+// An index table made before the listing indexes: opening adds them once,
+// from four processes at the same time, and keeps every row.
+TEST_F(ListTest, AnOldTableGetsTheListingIndexesOnFirstUse) {
+    ASSERT_LE(0, KOLVDBCreateDatabase("postgres", "kolvvessa"));
+    EXPECT_EQ(
+        "",
+        kolvtest::Psql(
+            "BEGIN;CREATE TABLE IF NOT EXISTS object(id text PRIMARY KEY, ns text, owner bigint, category text, "
+            "parent_id text, version text, commit_msg json, acl json, text json, metatext json, binary_info json, "
+            "metabinary_info json,ctime int,mtime int,extra_info json);CREATE INDEX id_idx ON object (id);CREATE INDEX "
+            "owner_idx ON object (owner);CREATE INDEX ns_idx ON object (ns);CREATE INDEX category_idx ON object "
+            "(category);CREATE INDEX parent_id_idx ON object (parent_id);CREATE INDEX acl_idx ON object "
+            "((acl->>'enabled'));CREATE INDEX mtime_idx ON object (mtime);END;"
+            "INSERT INTO object (id, ns, owner, acl, text, mtime) SELECT 'o' || i, 'note', 1101 + i % 2, "
+            "'{\"enabled\":true,\"public\":{\"perm\":\"ro\"}}', ('{\"n\":' || i || '}')::json, i FROM "
+            "generate_series(1, 3000) AS i;"));
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    std::vector<pid_t> vPids;
+    for (int i = 0; i < 4; ++i) {
+        pid_t pid = fork();
+        if (0 == pid) {
+            // All start when the parent closes the pipe.
+            close(fds[1]);
+            char c;
+            if (0 != read(fds[0], &c, 1)) _exit(2);
+            KOLVDB *pConn = KOLVDBConnect(NULL, "postgres", NULL, "kolvvessa");
+            _exit(pConn && kolv::MigrateIndexSchema(pConn) ? 0 : 1);
+        }
+        vPids.push_back(pid);
+    }
+    close(fds[0]);
+    close(fds[1]);
+    for (pid_t pid : vPids) {
+        int status = -1;
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && 0 == WEXITSTATUS(status)) << status;
+    }
+    EXPECT_EQ("object_ns_owner_order_idx\nobject_ns_shared_order_idx",
+              kolvtest::Psql("SELECT indexname FROM pg_indexes WHERE indexname LIKE 'object_ns_%' ORDER BY 1;"));
+
+    KOLV_VESSA_OBJECT *pHead = nullptr;
+    unsigned total = 0;
+    Json::Value jParm = Request(kBob);
+    jParm["field"]["text"] = true;
+    ASSERT_EQ(3000, KOLVVessaObjectList(jParm, &pHead, total)) << kolvtest::StackText();
+    EXPECT_EQ(kBob, pHead->get_owner());
+    EXPECT_EQ(2999, pHead->get_text()["n"].asInt());
+    KOLVVessaObjectFreeList(pHead);
+    EXPECT_EQ("3000|1500", kolvtest::Psql("SELECT count(*), count(*) FILTER (WHERE owner = 1101) FROM object;"));
 }
 
 TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
     const char *szHead = "!jParm.isMember(\"ns\") || !jParm[\"ns\"].isString() || !jParm.isMember(\"requester\") || "
                          "!jParm[\"requester\"].isIntegral()";
+    const char *szAfter = "!jAfter.isObject() || !jAfter[\"mtime\"].isInt64() || !jAfter[\"id\"].isString()";
     const struct {
         const char *szReq;
         int code;
@@ -363,6 +478,12 @@ TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
          "0 > KOLVUserGet(jParm[\"filter\"][\"owner\"].asCString(), &pUser)"},
         {R"({"ns":"note","requester":1101,"limit":1.5})", 1007,
          "jParm.isMember(\"limit\") && !jParm[\"limit\"].isIntegral()"},
+        {R"({"ns":"note","requester":1101,"after":[1,"x"]})", 1007, szAfter},
+        {R"({"ns":"note","requester":1101,"after":{"mtime":"1","id":"x"}})", 1007, szAfter},
+        {R"({"ns":"note","requester":1101,"after":{"mtime":18446744073709551615,"id":"x"}})", 1007, szAfter},
+        {R"({"ns":"note","requester":1101,"after":{"mtime":1}})", 1007, szAfter},
+        {R"({"ns":"note","requester":1101,"after":{"mtime":1,"id":"x\u0000' OR true --"}})", 1007,
+         "kolv::HasNulCharacter(jParm)"},
     };
     for (const auto &c : rgCases) {
         EXPECT_FAILS("ERR" != List(kolvtest::ParseJson(c.szReq)), c.code, c.szOrigin) << c.szReq;
