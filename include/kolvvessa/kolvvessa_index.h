@@ -25,12 +25,23 @@ KOLV_EXPORT void KOLVVessaCloseGlobalConn(void);
 /* Forks the child that counts exits and vacuums past 50000; the child's
  * pid (negative when the fork failed). */
 KOLV_EXPORT int KOLVVessaCheckVaccum(void);
-/* Empties and rebuilds the index from the repository, for jParam["ns"]
- * only when given. 1000 on failure. */
+/* Rebuilds the index from the repository's files, for jParam["ns"] only
+ * when given: a listing meanwhile sees the old rows or the new ones. 1000
+ * on failure, 1007 for a bad "ns"; the old rows then stay. */
 KOLV_EXPORT bool KOLVVessaReindex(const Json::Value &jParam);
-/* Indexes every object directory of strRepo/szNs with one INSERT; objects
- * whose row cannot be built are logged and left out. 1007 for a namespace
- * that is not a plain directory name, 1000 when the INSERT fails. */
+/* KOLVVessaReindex reporting its progress: pfnProgress (may be NULL) is
+ * called with pv after every 1,000 objects read and once at the end, with
+ * the objects done so far and the total found. The old rows stay until
+ * the new ones are committed, in one transaction on a connection of its
+ * own; any failure rolls back and leaves them (1000, or 1007 for a bad
+ * "ns"). Objects whose row cannot be built are logged and left out. */
+KOLV_EXPORT bool KOLVVessaReindexEx(const Json::Value &jParam,
+                                    void (*pfnProgress)(unsigned done, unsigned total, void *pv), void *pv);
+/* Indexes every object directory of strRepo/szNs on pConn, in INSERTs of
+ * 1,000 rows, without deleting anything and in the caller's transaction
+ * (if any); objects whose row cannot be built are logged and left out.
+ * 1007 for a namespace that is not a plain directory name, 1000 when an
+ * INSERT fails. */
 KOLV_EXPORT bool KOLVVessaReindexByNs(KOLVDB *pConn, const std::string &strRepo, const char *szNs);
 
 /* Upserts the row of one object, read as requester. An object holding a
