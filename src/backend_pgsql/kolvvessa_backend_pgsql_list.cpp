@@ -295,6 +295,9 @@ class RowReader {
     // A column's JSON; null for no text or text that does not parse (as
     // nested too deep), as a parse of its own would leave it.
     Json::Value Parse(const char *szVal);
+    // The ACL of a row: rows mostly repeat a few ACL texts, each parsed
+    // once per call.
+    const Json::Value &Acl(const char *szAcl);
     Json::Value Field(KOLVDBRESULT *pResult, int Row, const char *szColumn) {
         return Parse(KOLVDBFetchField(pResult, Row, szColumn));
     }
@@ -306,6 +309,7 @@ class RowReader {
     uid_t m_requester;
     bool m_blCheckSharing, m_blCalcPerm;
     std::unordered_map<std::string, std::string> m_mapPerm;
+    std::unordered_map<std::string, Json::Value> m_mapAcl;
 };
 
 Json::Value RowReader::Parse(const char *szVal) {
@@ -319,8 +323,15 @@ Json::Value RowReader::Parse(const char *szVal) {
     return j;
 }
 
+const Json::Value &RowReader::Acl(const char *szAcl) {
+    std::string strAcl = szAcl ? szAcl : "";
+    auto it = m_mapAcl.find(strAcl);
+    if (it == m_mapAcl.end()) it = m_mapAcl.emplace(strAcl, Parse(szAcl)).first;
+    return it->second;
+}
+
 std::string RowReader::GrantedPerm(uid_t owner, const char *szAcl) {
-    Json::Value jACL = Parse(szAcl);
+    const Json::Value &jACL = Acl(szAcl);
     bool ret = OwnerValidCached(owner);
     if (KOLV_FAIL_IF(1020, !ret)) return "";
     std::string strPerm;
@@ -363,7 +374,7 @@ KOLV_VESSA_OBJECT *RowReader::Record(KOLVDBRESULT *pResult, int Row, const std::
     if (blField && m_jField.isMember("metabinary_info"))
         pObject->set_metabinary_info(Field(pResult, Row, "metabinary_info"));
     if (blField && m_jField.isMember("extra_info")) pObject->set_extra_info(Field(pResult, Row, "extra_info"));
-    pObject->set_acl(Field(pResult, Row, "acl"));
+    pObject->set_acl(Acl(KOLVDBFetchField(pResult, Row, "acl")));
     pObject->set_perm(strPerm);
     return pObject;
 }
