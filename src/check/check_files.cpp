@@ -122,7 +122,14 @@ std::string MissingKeys(const std::string &strName, const Json::Value &j) {
 void CheckJsonFile(Run &run, const std::string &strNs, const std::string &strId, int fdObj, const char *szName,
                    const std::string &strRel, Json::Value &jOut) {
     std::string strText;
-    if (!fs::ReadFileAt(fdObj, szName, strText)) {
+    // The JSON writer locks the target itself, creating it empty: a first
+    // write cut short leaves an empty file, which the store reads as none.
+    bool blRead = fs::ReadFileAt(fdObj, szName, strText);
+    if (blRead && strText.empty()) {
+        blRead = false;
+        errno = ENOENT;
+    }
+    if (!blRead) {
         // Only basic.json is always there: metatext.json comes with the
         // first meta text, git_info.json with the first version.
         if (ENOENT == errno && 0 != strcmp(szName, "basic.json")) return;

@@ -7,6 +7,7 @@
  * what was seen, for the administrator to restore.
  */
 #include <git2.h>
+#include <sys/stat.h>
 
 #include <set>
 #include <string>
@@ -131,8 +132,11 @@ void CheckGitInfo(Run &run, const std::string &strNs, const std::string &strId, 
     const std::string strRel = strNs + "/" + strId + "/git_info.json";
     std::string strSeen;
     if (jGitInfo.isNull()) {
-        // A file that is there but unreadable was reported as such.
-        if (cCommits > 0 && !fs::Exists(run.strRepo + "/" + strRel))
+        // A file that is there but unreadable was reported as such; an
+        // empty one is a first write cut short, read as none.
+        struct stat st;
+        bool blNone = !fs::Lstat(run.strRepo + "/" + strRel, st) || (S_ISREG(st.st_mode) && 0 == st.st_size);
+        if (cCommits > 0 && blNone)
             strSeen = "missing while the history holds " + std::to_string(cCommits) + " commits";
     } else {
         long long cnt = jGitInfo["commit_cnt"].asInt64(), listable = jGitInfo["listable_commit_cnt"].asInt64();
