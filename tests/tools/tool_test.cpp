@@ -228,3 +228,37 @@ TEST_F(ToolTest, ShareBatchDeleteAndCleanup) {
 }
 
 } // namespace
+
+namespace {
+
+// The check through the tool: 0 on a clean store, 1 while findings
+// remain, 0 again once a repair mended them, 2 when it cannot run; the
+// library's version; --pretty indents what is otherwise one line.
+TEST_F(ToolTest, CheckExitStatusVersionAndPretty) {
+    if (!kolvtest::HavePostgres()) GTEST_SKIP() << "no PostgreSQL server (PGHOST unset)";
+    kolvtest::DropIndexDatabase();
+    m_sys.EnableNamespace("note");
+    std::string strOut;
+    ASSERT_EQ(0, Tool("create", R"({"ns":"note","category":"memo","requester":1101,"text":{"t":"x"}})", &strOut));
+    EXPECT_EQ(std::string::npos, strOut.find("\n  ")) << strOut;
+    const std::string strID = ParseJson(strOut)["id"].asString();
+
+    const std::string strCheck = std::string(KOLV_TOOL) + " check";
+    ASSERT_EQ(0, RunCommand(strCheck + " 2>/dev/null", &strOut));
+    EXPECT_EQ(1u, ParseJson(strOut)["checked"].asUInt());
+    EXPECT_EQ(0u, ParseJson(strOut)["findings"].size());
+    kolvtest::Psql("DELETE FROM object WHERE id = '" + strID + "';");
+    ASSERT_EQ(1, RunCommand(strCheck + " --ns note --id " + strID + " 2>/dev/null", &strOut));
+    EXPECT_EQ("row_missing", ParseJson(strOut)["findings"][0]["kind"].asString());
+    EXPECT_EQ(0, RunCommand(strCheck + " --repair 2>/dev/null", &strOut));
+    EXPECT_EQ(1u, ParseJson(strOut)["repaired"].asUInt());
+    EXPECT_EQ(0, RunCommand(std::string(KOLV_TOOL) + " --pretty check '{\"ns\":\"note\"}' 2>/dev/null", &strOut));
+    EXPECT_NE(std::string::npos, strOut.find("\n  \"by_kind\"")) << strOut;
+    EXPECT_EQ(2, RunCommand(strCheck + " --ns ../etc 2>/dev/null", &strOut));
+    EXPECT_EQ(2, RunCommand(strCheck + " --safe-age soon 2>/dev/null", &strOut));
+
+    ASSERT_EQ(0, RunCommand(std::string(KOLV_TOOL) + " --version", &strOut));
+    EXPECT_EQ(std::string("kolvvessa ") + KOLVVessaVersion() + "\n", strOut);
+}
+
+} // namespace
