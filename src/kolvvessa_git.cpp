@@ -303,6 +303,12 @@ int GitWriteUnlock(const char *) {
 
 int GitCreateRepository(const char *szRepo, long long mtime, TRABCSzHash *pAddHash, TRABCSzHash *pDelHash,
                         const char *szName, const char *szMail, const char *szMsg, std::string &strNewVer) {
+    return kolv::git::CreateRepository(szRepo, mtime, pAddHash, NULL, pDelHash, szName, szMail, szMsg, strNewVer);
+}
+
+int kolv::git::CreateRepository(const char *szRepo, long long mtime, TRABCSzHash *pAddHash, const MemFiles *pMem,
+                                TRABCSzHash *pDelHash, const char *szName, const char *szMail, const char *szMsg,
+                                std::string &strNewVer) {
     if (NULL == szRepo || NULL == szName || NULL == szMail || NULL == szMsg) {
         syslog(LOG_ERR, "%s:%d bad parameter", __FILE__, __LINE__);
         return GIT_ERROR;
@@ -324,7 +330,7 @@ int GitCreateRepository(const char *szRepo, long long mtime, TRABCSzHash *pAddHa
     }
     kolv::GitTree pTree;
     kolv::GitSignature pSig;
-    if (0 > (ret = kolv::git::BuildTree(pRepo.get(), NULL, pAddHash, pDelHash, NULL, pTree))) return ret;
+    if (0 > (ret = kolv::git::BuildTree(pRepo.get(), NULL, pAddHash, pDelHash, NULL, pTree, pMem))) return ret;
     if (0 > (ret = kolv::git::MakeSignature(szName, szMail, mtime, pSig, "git_signature_now"))) return ret;
     // The branch is made last: a version exists once its files are out.
     git_oid oid;
@@ -349,6 +355,13 @@ int GitCreateRepository(const char *szRepo, long long mtime, TRABCSzHash *pAddHa
 int GitCommit(const char *szRepo, const char *szParentVer, long long mtime, TRABCSzHash *pAddHash,
               TRABCSzHash *pDelHash, TRABCSzHash *pRenameHash, const char *szName, const char *szMail,
               const char *szMsg, std::string &strNewVer) {
+    return kolv::git::Commit(szRepo, szParentVer, mtime, pAddHash, NULL, pDelHash, pRenameHash, szName, szMail, szMsg,
+                             strNewVer);
+}
+
+int kolv::git::Commit(const char *szRepo, const char *szParentVer, long long mtime, TRABCSzHash *pAddHash,
+                      const MemFiles *pMem, TRABCSzHash *pDelHash, TRABCSzHash *pRenameHash, const char *szName,
+                      const char *szMail, const char *szMsg, std::string &strNewVer) {
     if (NULL == szParentVer || NULL == szName || NULL == szMail || NULL == szMsg) {
         syslog(LOG_ERR, "%s:%d bad parameter", __FILE__, __LINE__);
         return GIT_ERROR;
@@ -362,7 +375,8 @@ int GitCommit(const char *szRepo, const char *szParentVer, long long mtime, TRAB
     // anything is committed.
     if (0 <= ret) ret = kolv::git::CheckWorkTree(szRepo);
     if (0 <= ret) ret = kolv::git::ParseAndLookup(pRepo.get(), szParentVer, pParent, &pParentTree);
-    if (0 <= ret) ret = kolv::git::BuildTree(pRepo.get(), pParentTree.get(), pAddHash, pDelHash, pRenameHash, pTree);
+    if (0 <= ret)
+        ret = kolv::git::BuildTree(pRepo.get(), pParentTree.get(), pAddHash, pDelHash, pRenameHash, pTree, pMem);
     if (0 > ret) return ret;
     // Trees are content-addressed: the same id means nothing changed.
     if (git_oid_equal(git_tree_id(pParentTree.get()), git_tree_id(pTree.get()))) {

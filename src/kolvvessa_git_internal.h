@@ -69,7 +69,20 @@ int WriteTreeInto(git_repository *pRepo, const char *szDir, git_tree *pTree);
  * path -> new), then the adds (tree path -> disk file), then the deletes;
  * any hash may be NULL. The new tree is written and looked up into pOut. */
 int BuildTree(git_repository *pRepo, git_tree *pBase, TRABCSzHash *pAdd, TRABCSzHash *pDel, TRABCSzHash *pRename,
-              GitTree &pOut);
+              GitTree &pOut, const std::map<std::string, std::string> *pMem = NULL);
+
+/* Files of a new version given by content rather than on disk: tree path
+ * -> bytes. Added after the files of the add hash. */
+typedef std::map<std::string, std::string> MemFiles;
+
+/* GitCreateRepository and GitCommit with the files of pMem (may be NULL)
+ * added from memory beside those of the add hash. */
+int CreateRepository(const char *szRepo, long long mtime, TRABCSzHash *pAddHash, const MemFiles *pMem,
+                     TRABCSzHash *pDelHash, const char *szName, const char *szMail, const char *szMsg,
+                     std::string &strNewVer);
+int Commit(const char *szRepo, const char *szParentVer, long long mtime, TRABCSzHash *pAddHash, const MemFiles *pMem,
+           TRABCSzHash *pDelHash, TRABCSzHash *pRenameHash, const char *szName, const char *szMail, const char *szMsg,
+           std::string &strNewVer);
 
 /* The latest commit: the tip of the local branch with the strictly
  * greatest commit time (the first branch met wins a tie). strBranch

@@ -70,6 +70,7 @@ class TreeEdit {
     }
     int Rename(const char *szOld, const char *szNew);
     int Add(const char *szPath, const char *szFile);
+    int AddBuffer(const std::string &strPath, const std::string &strBytes);
     int Remove(const std::string &strPath);
     int Write(GitTree &pOut);
 
@@ -191,6 +192,17 @@ int TreeEdit::Add(const char *szPath, const char *szFile) {
     return Insert(szPath, &oid, GIT_FILEMODE_BLOB);
 }
 
+int TreeEdit::AddBuffer(const std::string &strPath, const std::string &strBytes) {
+    git_oid oid;
+    int ret = git_blob_create_from_buffer(&oid, m_pRepo, strBytes.data(), strBytes.size());
+    if (0 > ret) {
+        syslog(LOG_ERR, "%s:%d fail to git_blob_create_from_buffer [%s] (%s)", __FILE__, __LINE__, strPath.c_str(),
+               ErrText());
+        return ret;
+    }
+    return Insert(strPath, &oid, GIT_FILEMODE_BLOB);
+}
+
 /* Removes a path; one that is not there is skipped. */
 int TreeEdit::Remove(const std::string &strPath) {
     std::string strDir, strName;
@@ -248,13 +260,15 @@ int TreeEdit::Write(GitTree &pOut) {
 } // namespace
 
 int BuildTree(git_repository *pRepo, git_tree *pBase, TRABCSzHash *pAdd, TRABCSzHash *pDel, TRABCSzHash *pRename,
-              GitTree &pOut) {
+              GitTree &pOut, const MemFiles *pMem) {
     TreeEdit edit(pRepo, pBase);
     int ret = edit.Start();
     // Renames first: they look the old path up in the base, before adds
     // and deletes may have replaced it.
     if (0 <= ret) ret = ForEachPair(pRename, [&](const char *k, const char *v) { return edit.Rename(k, v); });
     if (0 <= ret) ret = ForEachPair(pAdd, [&](const char *k, const char *v) { return edit.Add(k, v); });
+    for (auto it = pMem ? pMem->begin() : MemFiles::const_iterator(); 0 <= ret && pMem && it != pMem->end(); ++it)
+        ret = edit.AddBuffer(it->first, it->second);
     if (0 <= ret) ret = ForEachPair(pDel, [&](const char *k, const char *) { return edit.Remove(k); });
     if (0 <= ret) ret = edit.Write(pOut);
     return ret;

@@ -35,11 +35,11 @@ namespace {
 const kolv::fs::DirSpec kScratchSpec = {0700, UID_ERR, GID_ERR};
 
 /* Text fields: a null value deletes the field's file from the next
- * version, any other value is written to strDir/text/NAME and added. */
-bool TextToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash, const Json::Value &jParm, const std::string &strDir) {
+ * version, any other value is added as text/NAME with the bytes a JSON
+ * file of it would hold. */
+bool TextToMemory(kolv::MemFiles &mem, TRABCSzHash *&pDelHash, const Json::Value &jParm) {
     if (!jParm.isMember("text")) return true;
     if (KOLV_FAIL_IF(1007, !jParm["text"].isObject())) return false;
-    std::string strTextFolder = strDir + "/text";
     for (Json::Value::const_iterator itr = jParm["text"].begin(); itr != jParm["text"].end(); ++itr) {
         std::string strFileNameEncode;
         if (KOLV_APPEND_IF(!KOLVVessaEncode(itr.name(), strFileNameEncode))) return false;
@@ -48,35 +48,26 @@ bool TextToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash, const Json::Valu
             if (KOLV_FAIL_IF(1036, 0 > TRABCSzHashSetValue(&pDelHash, strRelativePath.c_str(), "delete"))) return false;
             continue;
         }
-        kolv::Fd fdText(kolv::fs::MakeDirs(strTextFolder, kScratchSpec));
-        if (KOLV_FAIL_IF(1032, 0 > fdText.get())) return false;
-        std::string strFilePath = strTextFolder + "/" + strFileNameEncode;
-        if (KOLV_APPEND_IF(!KOLVVessaJsonToFile(*itr, strFilePath))) return false;
-        if (KOLV_FAIL_IF(1036, 0 > TRABCSzHashSetValue(&pAddHash, strRelativePath.c_str(), strFilePath.c_str())))
-            return false;
+        mem[strRelativePath] = kolv::JsonToString(*itr);
     }
     return true;
 }
 
-/* Writes the info record {"format","md5"} and adds the binary file and
- * its info to the commit. */
-bool AddBinary(TRABCSzHash *&pAddHash, const std::string &strEncoded, const std::string &strBinaryPath,
-               const Json::Value &jInfo, const std::string &strBinaryInfoFolder) {
+/* Adds the binary file and its info record {"format","md5"} to the
+ * commit. */
+bool AddBinary(TRABCSzHash *&pAddHash, kolv::MemFiles &mem, const std::string &strEncoded,
+               const std::string &strBinaryPath, const Json::Value &jInfo) {
     std::string strRelativeBinaryPath = "binary/" + strEncoded;
-    std::string strRelativeBinaryInfoPath = "binary_info/" + strEncoded;
-    std::string strInfoPath = strBinaryInfoFolder + "/" + strEncoded;
-    if (KOLV_APPEND_IF(!KOLVVessaJsonToFile(jInfo, strInfoPath))) return false;
     if (KOLV_FAIL_IF(1036, 0 > TRABCSzHashSetValue(&pAddHash, strRelativeBinaryPath.c_str(), strBinaryPath.c_str())))
         return false;
-    if (KOLV_FAIL_IF(1036, 0 > TRABCSzHashSetValue(&pAddHash, strRelativeBinaryInfoPath.c_str(), strInfoPath.c_str())))
-        return false;
+    mem["binary_info/" + strEncoded] = kolv::JsonToString(jInfo);
     return true;
 }
 
 /* A file taken from item["path"] as the requester may read it, copied
  * into the scratch folder, with the MD5 of the copy. */
-bool BinaryFromPath(TRABCSzHash *&pAddHash, const Json::Value &jItem, const std::string &strEncoded,
-                    const std::string &strBinaryFolder, const std::string &strBinaryInfoFolder, uid_t requester) {
+bool BinaryFromPath(TRABCSzHash *&pAddHash, kolv::MemFiles &mem, const Json::Value &jItem,
+                    const std::string &strEncoded, const std::string &strBinaryFolder, uid_t requester) {
     if (KOLV_FAIL_IF(1007, !jItem["path"].isString())) return false;
     std::string strSource = jItem["path"].asString();
     std::string strBinaryPath = strBinaryFolder + "/" + strEncoded;
@@ -88,13 +79,13 @@ bool BinaryFromPath(TRABCSzHash *&pAddHash, const Json::Value &jItem, const std:
     Json::Value jInfo;
     jInfo["format"] = jItem["format"];
     jInfo["md5"] = strMD5;
-    return AddBinary(pAddHash, strEncoded, strBinaryPath, jInfo, strBinaryInfoFolder);
+    return AddBinary(pAddHash, mem, strEncoded, strBinaryPath, jInfo);
 }
 
 /* A file of another object's current version, copied into the scratch
  * folder without following a link, with the MD5 its info records. */
-bool BinaryFromObject(TRABCSzHash *&pAddHash, const Json::Value &jPathInfo, const std::string &strEncoded,
-                      const std::string &strBinaryFolder, const std::string &strBinaryInfoFolder) {
+bool BinaryFromObject(TRABCSzHash *&pAddHash, kolv::MemFiles &mem, const Json::Value &jPathInfo,
+                      const std::string &strEncoded, const std::string &strBinaryFolder) {
     std::string strSource = jPathInfo[KOLVVES_BIN_PATH].asString() + "/" + strEncoded;
     std::string strSourceInfo = jPathInfo[KOLVVES_BIN_INFO_PATH].asString() + "/" + strEncoded;
     std::string strBinaryPath = strSource, strBinaryInfoPath = strSourceInfo;
@@ -111,7 +102,7 @@ bool BinaryFromObject(TRABCSzHash *&pAddHash, const Json::Value &jPathInfo, cons
     Json::Value jInfo;
     jInfo["format"] = "raw";
     jInfo["md5"] = jObjTmp["md5"];
-    return AddBinary(pAddHash, strEncoded, strCopy, jInfo, strBinaryInfoFolder);
+    return AddBinary(pAddHash, mem, strEncoded, strCopy, jInfo);
 }
 
 bool BinaryDelete(TRABCSzHash *&pDelHash, const std::string &strEncoded) {
@@ -189,12 +180,12 @@ bool KOLVVessaObjectEvalFileMd5(const char *szPath, std::string &strMd5) {
 }
 
 bool KOLVVESSA_BACKEND_FS::KOLVVessaObjectVersionDataToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash,
-                                                            const Json::Value &jParm, const std::string &strDir) {
-    if (!TextToDisk(pAddHash, pDelHash, jParm, strDir)) return false;
+                                                            kolv::MemFiles &mem, const Json::Value &jParm,
+                                                            const std::string &strDir) {
+    if (!TextToMemory(mem, pDelHash, jParm)) return false;
     if (!jParm.isMember("binary_files")) return true;
     if (KOLV_FAIL_IF(1007, !jParm["binary_files"].isArray())) return false;
     std::string strBinaryFolder = strDir + "/binary";
-    std::string strBinaryInfoFolder = strDir + "/binary_info";
     uid_t requester = kolv::RequesterOf(jParm);
     for (Json::ArrayIndex idx = 0; idx < jParm["binary_files"].size(); idx++) {
         const Json::Value &jItem = jParm["binary_files"][idx];
@@ -202,20 +193,21 @@ bool KOLVVESSA_BACKEND_FS::KOLVVessaObjectVersionDataToDisk(TRABCSzHash *&pAddHa
         std::string strFileNameEncode;
         if (KOLV_APPEND_IF(!KOLVVessaEncode(jParm["binary_files"][idx]["name"].asString(), strFileNameEncode)))
             return false;
-        kolv::Fd fdBinary(kolv::fs::MakeDirs(strBinaryFolder, kScratchSpec));
-        kolv::Fd fdInfo(kolv::fs::MakeDirs(strBinaryInfoFolder, kScratchSpec));
-        if (KOLV_FAIL_IF(1032, 0 > fdBinary.get() || 0 > fdInfo.get())) return false;
         std::string strFormat = jItem["format"].isString() ? jItem["format"].asString() : "";
         if ("delete" == strFormat) {
             if (!BinaryDelete(pDelHash, strFileNameEncode)) return false;
-        } else if ("object" != strFormat) {
-            if (!BinaryFromPath(pAddHash, jItem, strFileNameEncode, strBinaryFolder, strBinaryInfoFolder, requester))
-                return false;
+            continue;
+        }
+        // Binary files are copied into the scratch folder: what is
+        // committed is what its MD5 was taken of.
+        kolv::Fd fdBinary(kolv::fs::MakeDirs(strBinaryFolder, kScratchSpec));
+        if (KOLV_FAIL_IF(1032, 0 > fdBinary.get())) return false;
+        if ("object" != strFormat) {
+            if (!BinaryFromPath(pAddHash, mem, jItem, strFileNameEncode, strBinaryFolder, requester)) return false;
         } else {
             Json::Value jPathInfoTmp;
             if (KOLV_APPEND_IF(!mf_GetBinaryObjectPath(jItem, jPathInfoTmp))) return false;
-            if (!BinaryFromObject(pAddHash, jPathInfoTmp, strFileNameEncode, strBinaryFolder, strBinaryInfoFolder))
-                return false;
+            if (!BinaryFromObject(pAddHash, mem, jPathInfoTmp, strFileNameEncode, strBinaryFolder)) return false;
         }
     }
     return true;

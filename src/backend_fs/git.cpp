@@ -94,6 +94,15 @@ bool DiffEntry(const char *szKey, const char *szStatus, Json::Value &jDiff) {
     return true;
 }
 
+/* The records of a failed version write name the git layer's exported
+ * calls, whose work the internal forms with files from memory do. */
+const char szCreateCall[] = "GitCreateRepository(strRepoDir.c_str(), m_jParm[\"mtime\"].asInt64(), pAddHash, pDelHash, "
+                            "strName.c_str(), strMail.c_str(), jCommitMsg.toString().c_str(), strNewVer)";
+const char szCommitCall[] =
+    "GitCommit(strRepoDir.c_str(), m_jParm[\"version\"].asCString(), m_jParm[\"mtime\"].asInt64(), "
+    "pAddHash, pDelHash, NULL, strName.c_str(), strMail.c_str(), "
+    "jCommitMsg.toString().c_str(), strNewVer)";
+
 } // namespace
 
 bool KOLVVESSA_BACKEND_FS::mf_MakeScratch(std::string &strScratch) {
@@ -126,19 +135,25 @@ bool KOLVVESSA_BACKEND_FS::mf_SaveGit(std::string &strNewVer) {
     }
     bool blNew = !m_jParm.isMember("version");
     if (!blNew && !m_jParm.isMember("text") && !m_jParm.isMember("binary_files")) return true;
-    // The request's files are staged in a scratch folder of this call,
-    // the store's alone: what is committed is what was checked.
+    // Text fields and info records go to the repository from memory;
+    // binary files are staged in a scratch folder of this call, the
+    // store's alone: what is committed is what was checked.
     std::string strTempDir;
-    if (KOLV_APPEND_IF(!mf_MakeScratch(strTempDir))) return false;
+    const Json::Value &jBinaries = m_jParm.get("binary_files", Json::Value()); // never adds a member
+    bool blBinary = jBinaries.isArray() && !jBinaries.empty();
+    if (blBinary && KOLV_APPEND_IF(!mf_MakeScratch(strTempDir))) return false;
     kolv::TreeRemover scratch(strTempDir);
-    if (KOLV_APPEND_IF(!KOLVVessaObjectVersionDataToDisk(pAddHash, pDelHash, m_jParm, strTempDir))) return false;
+    kolv::MemFiles mem;
+    if (KOLV_APPEND_IF(!KOLVVessaObjectVersionDataToDisk(pAddHash, pDelHash, mem, m_jParm, strTempDir))) return false;
     int ret = 0;
     Json::Value jGitInfo;
     if (blNew) {
-        if (KOLV_GIT_FAIL_IF(ret, GitCreateRepository(strRepoDir.c_str(), m_jParm["mtime"].asInt64(), pAddHash,
-                                                      pDelHash, strName.c_str(), strMail.c_str(),
-                                                      jCommitMsg.toString().c_str(), strNewVer)))
+        if (0 > (ret = kolv::git::CreateRepository(strRepoDir.c_str(), m_jParm["mtime"].asInt64(), pAddHash, &mem,
+                                                   pDelHash, strName.c_str(), strMail.c_str(),
+                                                   jCommitMsg.toString().c_str(), strNewVer))) {
+            kolv::FailGit(ret, __FILE__, __LINE__, szCreateCall);
             return false;
+        }
         jGitInfo["commit_cnt"] = 1;
         jGitInfo["listable_commit_cnt"] = IsListable(m_jParm) ? 1 : 0;
         return !KOLV_APPEND_IF(!KOLVVessaJsonToFile(jGitInfo, strFilePath));
@@ -148,10 +163,12 @@ bool KOLVVESSA_BACKEND_FS::mf_SaveGit(std::string &strNewVer) {
     // We hold the object's exclusive lock: a reference lock file now is
     // one a killed writer left.
     kolv::git::ClearStaleRefLocks(strRepoDir.c_str());
-    if (KOLV_GIT_FAIL_IF(ret, GitCommit(strRepoDir.c_str(), m_jParm["version"].asCString(), m_jParm["mtime"].asInt64(),
-                                        pAddHash, pDelHash, NULL, strName.c_str(), strMail.c_str(),
-                                        jCommitMsg.toString().c_str(), strNewVer)))
+    if (0 > (ret = kolv::git::Commit(strRepoDir.c_str(), m_jParm["version"].asCString(), m_jParm["mtime"].asInt64(),
+                                     pAddHash, &mem, pDelHash, NULL, strName.c_str(), strMail.c_str(),
+                                     jCommitMsg.toString().c_str(), strNewVer))) {
+        kolv::FailGit(ret, __FILE__, __LINE__, szCommitCall);
         return false;
+    }
     // Counted also when nothing changed and no commit was made: the
     // counters count requests, not commits.
     const Json::Value &jOldInfo = jOld.isObject() ? jOld : Json::Value(Json::objectValue);

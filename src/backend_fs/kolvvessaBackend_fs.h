@@ -24,6 +24,11 @@
 #include "kolvvessa/kolvvessa_backend.h"
 #include "kolvvessa/kolvvessa_field.h"
 
+namespace kolv {
+/* Files of a version given by content: tree path -> bytes. */
+typedef std::map<std::string, std::string> MemFiles;
+} // namespace kolv
+
 class KOLV_VESSA_OBJECT;
 class KOLV_VESSA_OBJECT_VERSION;
 namespace kolv {
@@ -139,8 +144,11 @@ class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
     int mf_ListVersionGit(KOLV_VESSA_OBJECT_VERSION **ppHead);
     bool mf_GetVersionGit(KOLV_VESSA_OBJECT_VERSION *pVer);
     bool mf_DiffVersionGit(Json::Value &jDiff);
-    bool KOLVVessaObjectVersionDataToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash, const Json::Value &jParm,
-                                          const std::string &strDir);
+    /* The request's text fields and binary info records as tree path ->
+     * bytes in mem, its binary files copied below strDir into the add
+     * hash, its deletions in the delete hash. */
+    bool KOLVVessaObjectVersionDataToDisk(TRABCSzHash *&pAddHash, TRABCSzHash *&pDelHash, kolv::MemFiles &mem,
+                                          const Json::Value &jParm, const std::string &strDir);
 
     Json::Value m_jParm;
     Json::Value m_jPathInfo;

@@ -242,17 +242,20 @@ TEST_F(HostileStoreTest, FoldersAboveObjectsAreTheStoresAndAnObjectsItsOwners) {
     expectOwned(m_sys.Repo() + "/note", geteuid());
 }
 
-// A create is built in the scratch folder and renamed into place last.
-// Where the scratch folder cannot be made, the create fails before the
-// namespace sees anything, and the id can be made once it can. (A failure
-// at any other step: tests/backend_fs/fault_test.cpp.)
+// A create's binary files are staged in the scratch folder (text goes to
+// the repository from memory). Where the scratch folder cannot be made,
+// the create fails before the namespace sees anything, and the id can be
+// made once it can. (A failure at any other step:
+// tests/backend_fs/fault_test.cpp.)
 TEST_F(HostileStoreTest, ACreateWithoutItsScratchFolderLeavesNothing) {
     const std::string strTmp = m_sys.Repo() + "/@tmp", strNs = m_sys.Repo() + "/note";
     std::string strBefore, strAfter;
     RunCommand("ls -A '" + strNs + "'", &strBefore);
-    Json::Value jParm = J(R"({"ns":"note","category":"memo","text":{"t":"x"},"metatext":{"m":"x"}})");
+    Json::Value jParm = J(R"({"ns":"note","category":"memo","text":{"t":"x"},"metatext":{"m":"x"},
+                              "binary_files":[{"name":"b.bin","format":"raw"}]})");
     jParm["requester"] = kolvtest::kAlice;
     jParm["id"] = KOLVVessaObjectGenerateID(kolvtest::kAlice);
+    jParm["binary_files"][0]["path"] = m_strSrc;
     ASSERT_EQ(0, RunCommand("rm -rf '" + strTmp + "' && touch '" + strTmp + "'"));
     KOLV_VESSA_OBJECT obj;
     EXPECT_FAILS(obj.Create(jParm), 1032, "strScratch.empty()");
