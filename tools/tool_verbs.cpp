@@ -137,50 +137,51 @@ const std::vector<Verb> gVerbs = {
      "\"acl\", \"commit_msg\", \"ctime\", \"mtime\", \"text\" {name: JSON}, \"metatext\" {name: JSON},\n"
      "\"binary_files\" [{\"name\", \"format\", \"path\"}], \"metabinary_files\" (same form).\n"
      "Prints the new object with its id and version.",
-     "{\"ns\":\"note\",\"category\":\"memo\",\"requester\":1101,\"text\":{\"title\":\"Hello\"}}", RunCreate, NULL},
+     "{\"ns\":\"note\",\"category\":\"memo\",\"requester\":1101,\"text\":{\"title\":\"Hello\"}}", RunCreate, NULL,
+     true},
     {"copy", "copy an object into a new one of the requester",
      "Keys: \"ns\", \"id\" (the source), \"requester\"; \"parent_id\" optional. Prints the copy.",
-     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunCopy, NULL},
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunCopy, NULL, true},
     {"get", "read an object (the latest version unless \"version\" is given)",
      "Keys: \"ns\", \"id\", \"requester\"; \"version\" (an older version), \"field\" (selection;\n"
      "default: every field). Prints the object as the requester may see it.",
-     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunGet, NULL},
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunGet, NULL, true},
     {"set", "change an object (text and binary files make a new version)",
      "Keys: \"ns\", \"id\", \"requester\"; and at least one of \"ctime\", \"parent_id\", \"metatext\",\n"
      "\"text\", \"metabinary_files\", \"binary_files\"; \"version\" (the version the change is based\n"
      "on) with \"text\" or \"binary_files\"; \"commit_msg\", \"mtime\", \"reset_parent_id\".",
      "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"version\":\"<40 hex>\",\"text\":{\"title\":\"Hi\"}}",
-     RunSet, NULL},
+     RunSet, NULL, true},
     {"list", "list objects from the index: own first, then shared ones",
      "Keys: \"ns\" (\"*\" for every namespace, requester 0 only), \"requester\"; \"filter\"\n"
      "{\"owner\" (user name), \"owner_uid\", \"parent_id\", \"category\", \"text\", \"metatext\", \"binary\",\n"
      "\"metabinary\"}, \"field\" (JSON columns to read), \"offset\" (default 0), \"limit\" (default -1: all).",
-     "{\"ns\":\"note\",\"requester\":1102,\"field\":{\"text\":true}}", RunList, NULL},
+     "{\"ns\":\"note\",\"requester\":1102,\"field\":{\"text\":true}}", RunList, NULL, true},
     {"versions", "a page of an object's versions, newest first, with the totals",
      "Keys: \"ns\", \"id\", \"requester\"; \"offset\", \"limit\" (default: all), \"sort_direction\"\n"
      "(\"ASC\": oldest first). Prints the records with \"total\" (every version) and \"listable_total\"\n"
      "(versions made with \"commit_msg\" {\"listable\": true}). Needs read permission on the object.",
-     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"offset\":0,\"limit\":10}", RunVersions, NULL},
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"offset\":0,\"limit\":10}", RunVersions, NULL, true},
     {"version", "one version's record and the object as it stood at that version",
      "Keys: \"ns\", \"id\", \"requester\", \"version\" (the version; the latest when absent).\n"
      "Prints {\"record\": author, time, commit message, parents; \"object\": the object then}.",
-     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"version\":\"<40 hex>\"}", RunVersion, NULL},
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"version\":\"<40 hex>\"}", RunVersion, NULL, true},
     {"diff", "the text fields and binary files that differ between two versions",
      "Keys: \"ns\", \"id\", \"requester\", \"old_version\"; \"new_version\" (default: the latest).\n"
      "Prints {\"text\": {name: status}, \"binary\": {name: status}}, status created, deleted or modified.",
-     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"old_version\":\"<40 hex>\"}", RunDiff, NULL},
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"old_version\":\"<40 hex>\"}", RunDiff, NULL, true},
     {"rename", "rename a text field, binary file, meta text key or meta binary file (owner only)",
      "Keys: \"ns\", \"id\", \"requester\", \"segment\" (\"text\", \"binary\", \"metatext\" or \"metabinary\"),\n"
      "\"old_field\", \"new_field\"; \"version\" (the version renamed from; required for \"text\" and\n"
      "\"binary\", which make a new version), \"commit_msg\", \"mtime\". Prints the object afterwards.",
      "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"segment\":\"text\",\"old_field\":\"body\","
      "\"new_field\":\"recipe\",\"version\":\"<40 hex>\"}",
-     RunRename, NULL},
+     RunRename, NULL, true},
     {"delete", "delete an object (owner or requester 0), with --recursive its descendants too",
      "Keys: \"ns\", \"id\", \"requester\"; \"recursive\" (true: also every object below it, found by\n"
      "\"parent_id\" in the index; a child that fails is logged and the others are still deleted).\n"
      "The switch --recursive sets \"recursive\": true. Deleting a missing object succeeds.",
-     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunDelete, "recursive"},
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunDelete, "recursive", true},
     {"share", "change an object's ACL; with --recursive as a grant inherited from above",
      "Keys: \"ns\", \"id\", \"requester\", \"type\" (\"global\", \"public\", \"user\" or \"group\"), \"op\"\n"
      "(\"set\" or \"delete\"); \"enabled\" (a bool, \"global\"/\"set\"), \"perm\" (\"ro\" or \"rw\"), \"uid\" or\n"
@@ -190,54 +191,56 @@ const std::vector<Verb> gVerbs = {
      "owner, requester 0 and a user with \"rw\" may share. Prints the object afterwards.",
      "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"type\":\"user\",\"op\":\"set\",\"uid\":\"bob\","
      "\"perm\":\"ro\"}",
-     RunShare, "recursive"},
+     RunShare, "recursive", true},
     {"batch-set", "change many objects of one namespace alike",
      "Keys: \"ns\", \"requester\", \"id\" (an array; when absent, one id per line on standard input),\n"
      "and the keys of \"set\" (\"reset_parent_id\": true moves the objects to their owner's root).\n"
      "Every object is checked first: one the requester may not change fails the whole call and\n"
      "nothing changes. Prints {\"result\": {id: true|false}, \"done\", \"failed\"}.",
      "{\"ns\":\"note\",\"requester\":1101,\"id\":[\"1101_...\",\"1101_...\"],\"metatext\":{\"tag\":\"x\"}}",
-     RunBatchSet, NULL},
+     RunBatchSet, NULL, true},
     {"batch-delete", "delete many objects of one namespace (owner or requester 0)",
      "Keys: \"ns\", \"requester\", \"id\" (an array; when absent, one id per line on standard input),\n"
      "\"recursive\" (the objects below too; without it they move to their owner's root).\n"
      "Prints {\"result\": {id: true|false}, \"done\", \"failed\"}.",
-     "{\"ns\":\"note\",\"requester\":1101,\"id\":[\"1101_...\",\"1101_...\"]}", RunBatchDelete, "recursive"},
+     "{\"ns\":\"note\",\"requester\":1101,\"id\":[\"1101_...\",\"1101_...\"]}", RunBatchDelete, "recursive", true},
     {"batch-share", "change the ACL of many objects of one namespace alike",
      "Keys: \"ns\", \"requester\", \"id\" (an array; when absent, one id per line on standard input),\n"
      "and the keys of \"share\". Prints {\"result\": {id: true|false}, \"done\", \"failed\"}.",
      "{\"ns\":\"note\",\"requester\":1101,\"type\":\"public\",\"op\":\"set\",\"perm\":\"ro\"}", RunBatchShare,
-     "recursive"},
+     "recursive", true},
     {"cleanup-user", "delete every object of one user, in every namespace",
      "Keys: \"uid\" (a number or a user name; not 0). Objects that cannot be deleted are left. A\n"
      "user who no longer exists is cleaned up by cleanup-orphans.",
-     "{\"uid\":\"alice\"}", RunCleanupUser, NULL},
+     "{\"uid\":\"alice\"}", RunCleanupUser, NULL, false},
     {"cleanup-orphans", "delete every object whose owner is no longer a local user",
-     "No keys. Lists the local users, then deletes the objects of every other owner.", "{}", RunCleanupOrphans, NULL},
+     "No keys. Lists the local users, then deletes the objects of every other owner.", "{}", RunCleanupOrphans, NULL,
+     false},
     {"reindex", "rebuild the index from the repository", "Keys: \"ns\" (optional: only that namespace).",
-     "{\"ns\":\"note\"}", RunReindex, NULL},
+     "{\"ns\":\"note\"}", RunReindex, NULL, false},
     {"check", "check the repository and the index, and mend what can be mended",
-     "Keys: \"ns\", \"id\" (optional: one namespace, one object), \"repair\".", "{\"ns\":\"note\"}", RunCheck,
-     "repair"},
+     "Keys: \"ns\", \"id\" (optional: one namespace, one object), \"repair\".", "{\"ns\":\"note\"}", RunCheck, "repair",
+     false},
     {"access-get", "whether the store (no \"ns\") or a namespace is switched on",
      "Keys: \"ns\" (optional). Prints {\"enabled\": bool} and, when off, the reason.", "{\"ns\":\"note\"}",
-     RunAccessGet, NULL},
+     RunAccessGet, NULL, false},
     {"access-check", "the access check of every operation: master switch, then namespace",
-     "Keys: \"ns\" (optional). Fails with the reason when access is off.", "{\"ns\":\"note\"}", RunAccessCheck, NULL},
+     "Keys: \"ns\" (optional). Fails with the reason when access is off.", "{\"ns\":\"note\"}", RunAccessCheck, NULL,
+     false},
     {"access-set", "switch the store (no \"ns\") or a namespace on (1) or off",
      "Keys: \"ns\" (optional), \"enable\" (1 switches on, anything else off).", "{\"ns\":\"note\",\"enable\":1}",
-     RunAccessSet, NULL},
+     RunAccessSet, NULL, false},
     {"sharing-get", "whether an owner shares, globally (no \"ns\") or in a namespace",
      "Keys: \"owner\" (uid), \"ns\" (optional). Lenient: a missing or corrupt settings file shares.",
-     "{\"ns\":\"note\",\"owner\":1101}", RunSharingGet, NULL},
+     "{\"ns\":\"note\",\"owner\":1101}", RunSharingGet, NULL, false},
     {"sharing-check", "the sharing check of reads: the owner's global entry, then the namespace",
      "Keys: \"owner\" (uid), \"ns\" (optional). Fails with the reason when sharing is off.",
-     "{\"ns\":\"note\",\"owner\":1101}", RunSharingCheck, NULL},
+     "{\"ns\":\"note\",\"owner\":1101}", RunSharingCheck, NULL, false},
     {"sharing-set", "let an owner share (1) or withdraw sharing (anything else)",
      "Keys: \"owner\" (uid), \"enable\", \"ns\" (optional: only that namespace).",
-     "{\"ns\":\"note\",\"owner\":1101,\"enable\":0}", RunSharingSet, NULL},
+     "{\"ns\":\"note\",\"owner\":1101,\"enable\":0}", RunSharingSet, NULL, false},
     {"no-sharing-list", "owners whose objects others may not see in a namespace", "Keys: \"ns\" (required).",
-     "{\"ns\":\"note\"}", RunNoSharingList, NULL},
+     "{\"ns\":\"note\"}", RunNoSharingList, NULL, false},
 };
 
 } // namespace

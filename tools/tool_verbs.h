@@ -23,6 +23,8 @@ struct Verb {
     /* A switch "--NAME" the verb takes on the command line, which sets
      * "NAME": true in the request; NULL for none. */
     const char *szSwitch;
+    /* Whether the web API serves it: not the administrator's verbs. */
+    bool blWeb;
 };
 
 const std::vector<Verb> &Verbs();
