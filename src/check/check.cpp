@@ -137,7 +137,7 @@ void CheckObject(Run &run, Namespace &ns, const std::string &strId, const Stored
     if (0 > fdObj.get()) return;
     Json::Value jGitInfo;
     CheckObjectFiles(run, ns.strNs, strId, fdObj.get(), jGitInfo);
-    CheckRepository(run, ns.strNs, strId, jGitInfo);
+    CheckRepository(run, ns.strNs, strId, fdObj.get(), jGitInfo);
     CheckRow(run, ns.strNs, strId, pStored);
     ++run.checked;
     if (run.pfnProgress) run.pfnProgress(++run.done, run.total, run.pArg);
@@ -227,6 +227,8 @@ bool KOLVVessaCheckEx(const Json::Value &jParm, Json::Value &jReport, KOLVVessaC
         if (KOLV_APPEND_IF(!KOLVVessaGetRepoPath(run.strRepo))) return false;
         if (KOLV_FAIL_IF(1000, NULL == (run.pConn = KOLVVessaOpenConn()))) return false;
         kolv::git::LibScope libgit2;
+        // As the store opens them: ".git" is checked to be its own.
+        git_libgit2_opts(GIT_OPT_SET_OWNER_VALIDATION, 0);
         run.pReader.reset(new kolv::IndexRowReader(run.strRepo));
         bool blRet = !KOLV_APPEND_IF(!kolv::check::Walk(run));
         KOLVVessaCloseConn();

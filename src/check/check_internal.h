@@ -30,7 +30,8 @@ class IndexRowReader;
 
 namespace check {
 
-/* One entry of a folder, as lstat sees it. */
+/* One entry of a folder: its type (st_mode) as the listing gives it; the
+ * other members are filled only where a step needs them. */
 struct Entry {
     std::string strName;
     struct stat st;
@@ -105,7 +106,8 @@ void CheckGitLeftovers(Run &run, const std::string &strNs, const std::string &st
 
 /* HEAD and every branch resolve, every reachable object reads back, and
  * git_info.json agrees with the history. */
-void CheckRepository(Run &run, const std::string &strNs, const std::string &strId, const Json::Value &jGitInfo);
+void CheckRepository(Run &run, const std::string &strNs, const std::string &strId, int fdObj,
+                     const Json::Value &jGitInfo);
 
 /* ---- check_index.cpp ----------------------------------------------------- */
 

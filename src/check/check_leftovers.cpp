@@ -7,7 +7,7 @@
  * A leftover counts only once it is older than the safe age: a younger
  * one may belong to a writer still at work, so it is not even reported.
  */
-#include <ctype.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -30,10 +30,6 @@ bool EndsWith(const std::string &str, const char *szEnd) {
 
 bool IsGitTemporary(const std::string &strName) {
     return 0 == strName.compare(0, 7, "tmp_obj");
-}
-
-bool IsHexPair(const std::string &strName) {
-    return 2 == strName.size() && isxdigit((unsigned char)strName[0]) && isxdigit((unsigned char)strName[1]);
 }
 
 /* A folder whose entries are leftovers when pfnIs says so. */
@@ -59,9 +55,11 @@ bool IsTemporaryName(const std::string &strName) {
     return EndsWith(strName, ".tmp");
 }
 
-void Leftover(Run &run, const std::string &strNs, const std::string &strId, int fdDir, const Entry &entry,
+void Leftover(Run &run, const std::string &strNs, const std::string &strId, int fdDir, const Entry &listed,
               const std::string &strRel, const char *szWhat) {
-    if (!run.PastSafeAge(entry.st)) return;
+    Entry entry = listed;
+    if (0 != fstatat(fdDir, entry.strName.c_str(), &entry.st, AT_SYMLINK_NOFOLLOW) || !run.PastSafeAge(entry.st))
+        return;
     std::string strSeen = std::string(szWhat) + (S_ISLNK(entry.st.st_mode) ? " (a link)" : "") + ", unchanged for " +
                           std::to_string((long long)(run.now - entry.st.st_mtime)) + " s";
     Json::Value &jFinding = run.Add("leftover", strNs, strId, strRel, strSeen,
@@ -101,14 +99,12 @@ void CheckGitLeftovers(Run &run, const std::string &strNs, const std::string &st
                    "a partial git lock file");
     Fd fdObjects(OpenDirAt(fdGit, "objects"));
     if (0 > fdObjects.get() || !ListAt(fdObjects.get(), entries)) return;
+    // libgit2 writes an object to a temporary file in "objects" itself
+    // and renames it into its fan-out folder when whole.
     for (const Entry &entry : entries) {
-        std::string strPath = strRel + "/objects/" + entry.strName;
-        if (IsGitTemporary(entry.strName)) {
-            Leftover(run, strNs, strId, fdObjects.get(), entry, strPath, "a partial git object");
-        } else if (IsHexPair(entry.strName) && S_ISDIR(entry.st.st_mode)) {
-            ScanFolder(run, strNs, strId, fdObjects.get(), entry.strName.c_str(), strPath, IsGitTemporary,
-                       "a partial git object");
-        }
+        if (IsGitTemporary(entry.strName))
+            Leftover(run, strNs, strId, fdObjects.get(), entry, strRel + "/objects/" + entry.strName,
+                     "a partial git object");
     }
 }
 

@@ -6,7 +6,10 @@
  * The history is never rewritten here: what is broken is reported with
  * what was seen, for the administrator to restore.
  */
+#include <errno.h>
 #include <git2.h>
+#include <string.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include <set>
@@ -147,15 +150,38 @@ void CheckGitInfo(Run &run, const std::string &strNs, const std::string &strId, 
     if (!strSeen.empty()) run.Add("git_info_mismatch", strNs, strId, strRel, strSeen, szCannotGitInfo);
 }
 
+/* Opens the repository of the object folder fdObj by its ".git" alone,
+ * as the store does: neither "version" nor ".git" may be a link, and
+ * ".git" must be the store's own (the work tree is the owner's). */
+bool OpenRepository(int fdObj, const std::string &strDir, GitRepository &pRepo, std::string &strWhy) {
+    Fd fdVer(OpenDirAt(fdObj, "version"));
+    Fd fdGit(0 <= fdVer.get() ? OpenDirAt(fdVer.get(), ".git") : -1);
+    struct stat st;
+    if (0 > fdGit.get() || 0 != fstat(fdGit.get(), &st)) {
+        strWhy = std::string("no repository folder (") + strerror(errno) + ")";
+        return false;
+    }
+    if (st.st_uid != geteuid()) {
+        strWhy = ".git belongs to uid " + std::to_string(st.st_uid);
+        return false;
+    }
+    git_repository *pRaw = NULL;
+    int ret = git_repository_open_ext(&pRaw, (strDir + "/.git").c_str(),
+                                      GIT_REPOSITORY_OPEN_NO_SEARCH | GIT_REPOSITORY_OPEN_BARE, NULL);
+    pRepo.reset(pRaw);
+    if (0 > ret) strWhy = std::string("the repository does not open (") + git::ErrText() + ")";
+    return 0 <= ret;
+}
+
 } // namespace
 
-void CheckRepository(Run &run, const std::string &strNs, const std::string &strId, const Json::Value &jGitInfo) {
+void CheckRepository(Run &run, const std::string &strNs, const std::string &strId, int fdObj,
+                     const Json::Value &jGitInfo) {
     const std::string strRel = strNs + "/" + strId + "/version";
-    const std::string strDir = run.strRepo + "/" + strRel;
     GitRepository pRepo;
-    if (0 > git::OpenRepository(strDir.c_str(), pRepo)) {
-        run.Add("repo_broken", strNs, strId, strRel,
-                std::string("the repository does not open (") + git::ErrText() + ")", szCannotHistory);
+    std::string strWhy;
+    if (!OpenRepository(fdObj, run.strRepo + "/" + strRel, pRepo, strWhy)) {
+        run.Add("repo_broken", strNs, strId, strRel, strWhy, szCannotHistory);
         return;
     }
     git_odb *pRawOdb = NULL;
