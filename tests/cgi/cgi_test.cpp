@@ -1,20 +1,12 @@
 /*
- * The download CGI program behind a real web server: lighttpd with
- * mod_auth (plain user file) and mod_cgi on a free local port, talked to
- * with curl. /vessa/ asks for a login, /open/ runs the same program
- * without one.
+ * The download CGI program behind a real web server.
  */
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <string>
 
-#include "object/object_test_util.h"
+#include "cgi/web_server.h"
 
 namespace {
 
@@ -24,19 +16,7 @@ using kolvtest::ReadFile;
 using kolvtest::RunCommand;
 using kolvtest::WriteFile;
 using objtest::J;
-
-/* A port nobody listens on now: bind 127.0.0.1:0, read it back, close. */
-int FreePort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t cb = sizeof(addr);
-    bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr));
-    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &cb);
-    close(fd);
-    return ntohs(addr.sin_port);
-}
+using webtest::Reply;
 
 /* Runs the program as the server would, its output into strOut, under
  * /usr/bin/time: a child forked from this (large) process would count
@@ -51,37 +31,17 @@ std::string RunDirect(const std::string &strQuery, const std::string &strOut, lo
     return "/dev/null" == strOut ? "" : ReadFile(strOut);
 }
 
-struct Reply {
-    int status = 0;
-    std::string head, body;
-};
-
-class CgiTest : public objtest::ObjectStoreTest {
+class CgiTest : public webtest::WebStoreTest {
   protected:
     void SetUp() override {
-        const char *szPg = getenv("PGHOST");
-        std::string strPg = szPg ? szPg : "";
-        ObjectStoreTest::SetUp();
-        if (!strPg.empty()) setenv("PGHOST", strPg.c_str(), 1);
-        m_strDir = m_sys.Path("/web");
-        ASSERT_EQ(0, RunCommand("mkdir -p " + m_strDir + "/www/vessa " + m_strDir + "/www/open && chmod 755 " +
-                                m_sys.Root() + " " + m_strDir));
-        for (const char *szDir : {"/www/vessa/", "/www/open/"})
-            ASSERT_EQ(0, symlink(KOLV_CGI, (m_strDir + szDir + "download.cgi").c_str()));
-        WriteFile(m_strDir + "/users", "alice:pa\nbob:pb\neve@corp:pe\nroot:pr\n");
-        StartServer();
+        IndexedStoreTest::SetUp();
+        if (IsSkipped()) return;
+        StartServer({{"download.cgi", KOLV_CGI}});
         Json::Value jCreate = J(R"({"acl":{"enabled":true,"hmx_user":{"1102":{"perm":"ro"}}},
             "binary_files":[{"name":"b.bin","format":"raw"}],"metabinary_files":[{"name":"m.png","format":"png"}]})");
         jCreate["binary_files"][0]["path"] = Source("one", std::string("one\0\x01\xff", 6));
         jCreate["metabinary_files"][0]["path"] = Source("meta", std::string(70000, '\x89') + "PNG");
         m_strID = Create(kAlice, jCreate);
-    }
-
-    void TearDown() override {
-        if (m_pid > 0) {
-            kill(m_pid, SIGTERM);
-            waitpid(m_pid, NULL, 0);
-        }
     }
 
     std::string Source(const std::string &strName, const std::string &strContent) {
@@ -91,50 +51,11 @@ class CgiTest : public objtest::ObjectStoreTest {
         return strPath;
     }
 
-    void StartServer() {
-        m_port = FreePort();
-        std::string strEnv;
-        for (const char *szName : {"KOLV_SYSROOT", "PGHOST", "PGPORT", "PGUSER"}) {
-            if (getenv(szName)) strEnv += std::string("\"") + szName + "\" => \"" + getenv(szName) + "\", ";
-        }
-        std::string strConf = R"(server.modules = ("mod_auth", "mod_authn_file", "mod_setenv", "mod_cgi")
-server.document-root = "@/www"
-server.errorlog = "@/error.log"
-server.bind = "127.0.0.1"
-cgi.assign = (".cgi" => "")
-auth.backend = "plain"
-auth.backend.plain.userfile = "@/users"
-auth.require = ("/vessa/" => ("method" => "basic", "realm" => "vessa", "require" => "valid-user"))
-)";
-        for (size_t pos; std::string::npos != (pos = strConf.find('@'));)
-            strConf.replace(pos, 1, m_strDir);
-        strConf += "server.port = " + std::to_string(m_port) + "\nsetenv.add-environment = (" + strEnv + ")\n";
-        WriteFile(m_strDir + "/lighttpd.conf", strConf);
-        m_pid = fork();
-        if (0 == m_pid) {
-            execlp("lighttpd", "lighttpd", "-D", "-f", (m_strDir + "/lighttpd.conf").c_str(), (char *)NULL);
-            _exit(127);
-        }
-        // Ready once it answers at all.
-        for (int i = 0; i < 100 && 0 == Get("", "", "/open/").status; ++i)
-            usleep(50000);
-        ASSERT_NE(0, Get("", "", "/open/").status) << ReadFile(m_strDir + "/error.log");
-    }
-
-    /* curl as a browser would: a login (user:password) or none. */
+    /* A download as a browser would ask for it: a login (user:password)
+     * or none. */
     Reply Get(const std::string &strQuery, const std::string &strLogin = "alice:pa",
               const std::string &strPath = "/vessa/", const std::string &strHeader = "") {
-        std::string strCmd = "curl -s -o " + m_strDir + "/body -D " + m_strDir + "/head -w '%{http_code}' ";
-        if (!strLogin.empty()) strCmd += "-u '" + strLogin + "' ";
-        if (!strHeader.empty()) strCmd += "-H '" + strHeader + "' ";
-        strCmd += "'http://127.0.0.1:" + std::to_string(m_port) + strPath + "download.cgi?" + strQuery + "'";
-        Reply r;
-        std::string strOut;
-        RunCommand(strCmd, &strOut);
-        r.status = atoi(strOut.c_str());
-        r.head = ReadFile(m_strDir + "/head");
-        r.body = ReadFile(m_strDir + "/body");
-        return r;
+        return Curl(strHeader.empty() ? "" : "-H '" + strHeader + "'", strLogin, strPath + "download.cgi?" + strQuery);
     }
 
     std::string Query(const std::string &strField, const std::string &strFormat,
@@ -156,9 +77,7 @@ auth.require = ("/vessa/" => ("method" => "basic", "realm" => "vessa", "require"
         return str.substr(0, cb);
     }
 
-    std::string m_strDir, m_strID;
-    int m_port = 0;
-    pid_t m_pid = -1;
+    std::string m_strID;
 };
 
 TEST_F(CgiTest, FormsVersionsLoginsAndFailureStatuses) {
