@@ -22,10 +22,14 @@
 #include "index/kolvvessa_index_internal.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_conf.h"
+#include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_object.h"
 #include "kolvvessa_git_internal.h"
 
 namespace {
+
+/* The settings file exists but cannot be read or parsed. */
+const int KOLV_ERR_SETTINGS_UNREADABLE = 1026;
 
 /* A folder of the version's tree: decoded file name -> content. */
 using Folder = std::map<std::string, std::string>;
@@ -123,6 +127,8 @@ bool FillVersion(const Version &ver, KOLV_VESSA_OBJECT &Object) {
 namespace kolv {
 
 struct IndexRowReader::Impl {
+    // libgit2 stays initialised for the reader's life, not per object.
+    kolv::git::LibScope lib;
     std::string strRepo;
     // The settings file is read once per namespace of the run, the owner
     // tests once per uid.
@@ -143,7 +149,9 @@ bool IndexRowReader::Impl::NamespaceOpen(const std::string &strNs) {
         return it->second;
     }
     bool blOpen = !KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(strNs.c_str()));
-    nsOpen.emplace(strNs, blOpen);
+    // Settings that cannot be read now say nothing about the namespace:
+    // the next object asks again.
+    if (blOpen || KOLV_ERR_SETTINGS_UNREADABLE != KOLVVessaErrCodeGet()) nsOpen.emplace(strNs, blOpen);
     return blOpen;
 }
 

@@ -5,6 +5,7 @@
  * are built from the stored files (IndexRowReader) and sent in multi-row
  * INSERTs of kChunkRows rows.
  */
+#include <errno.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -19,6 +20,7 @@
 #include "common/kolvvessa_safe_fs.h"
 #include "index/index_row_store.h"
 #include "kolvvessa/kolvvessa_common.h"
+#include "kolvvessa/kolvvessa_conf.h"
 #include "kolvvessa/kolvvessa_error.h"
 #include "kolvvessa/kolvvessa_index.h"
 
@@ -29,6 +31,9 @@ const char szSQLReindexPrefix[] =
     "binary_info, metabinary_info, ctime, mtime, extra_info) VALUES ";
 
 const size_t kChunkRows = 1000;
+
+/* The settings file exists but cannot be read or parsed. */
+const int KOLV_ERR_SETTINGS_UNREADABLE = 1026;
 
 /* One object folder: namespace and id. */
 using Entry = std::pair<std::string, std::string>;
@@ -91,13 +96,15 @@ bool InsertRows(KOLVDB *pConn, const std::string &strRepo, const std::vector<Ent
         const char *szNs = entries[i].first.c_str(), *szId = entries[i].second.c_str();
         kolv::IndexRow row;
         std::string strWhy;
-        if (!reader.Read(szNs, szId, row, strWhy)) {
+        // A row the connection cannot carry (bytes that are no text in
+        // its encoding) is refused when it is escaped.
+        kolv::CString szValue(reader.Read(szNs, szId, row, strWhy) ? kolv::FormatIndexRowValues(pConn, row) : NULL);
+        if (NULL == szValue.get()) {
             // One bad object never stops the reindex.
             syslog(LOG_ERR, "%s:%d fail to reindex object ns=%s, id=%s, owner=%u (%s)", __FILE__, __LINE__, szNs, szId,
-                   KOLVVessaObjectGetOwnerByID(szId), strWhy.c_str());
+                   KOLVVessaObjectGetOwnerByID(szId),
+                   strWhy.empty() ? "a value the database cannot hold" : strWhy.c_str());
         } else {
-            kolv::CString szValue(kolv::FormatIndexRowValues(pConn, row));
-            if (KOLV_FAIL_IF(1000, NULL == szValue.get())) return false;
             strSQL += (0 == rows) ? szSQLReindexPrefix : ",";
             strSQL += szValue.get();
             ++rows;
@@ -127,6 +134,14 @@ bool Rebuild(KOLVDB *pConn, const Json::Value &jParam, const std::string &strRep
     return true;
 }
 
+/* Settings that cannot be read must not pass for a disabled namespace,
+ * whose objects would all be left out: the run stops first. */
+bool SettingsReadable(const std::string &strNs) {
+    if (FALSE != KOLVVessaAccessCheck(strNs.c_str())) return true;
+    if (KOLV_APPEND_IF(KOLV_ERR_SETTINGS_UNREADABLE == KOLVVessaErrCodeGet())) return false;
+    return true;
+}
+
 /* The object folders the run covers: one namespace or every one. */
 bool ListEntries(const Json::Value &jParam, const std::string &strRepo, std::vector<Entry> &entries) {
     std::vector<std::string> namespaces;
@@ -136,6 +151,7 @@ bool ListEntries(const Json::Value &jParam, const std::string &strRepo, std::vec
         return false;
     }
     for (const std::string &strNs : namespaces) {
+        if (KOLV_APPEND_IF(!SettingsReadable(strNs))) return false;
         if (KOLV_APPEND_IF(!ListObjects(strRepo, strNs, entries))) return false;
     }
     return true;
@@ -165,8 +181,10 @@ bool ReindexOnOwnConnection(const Json::Value &jParam, const Progress &progressI
     }
     if (KOLV_APPEND_IF(!Execute(pConn, "COMMIT"))) return false;
     if (0 == progress.total) progress.Report(0);
-    // Fresh statistics for the planner; no table rewrite.
-    if (KOLV_APPEND_IF(!Execute(pConn, "ANALYZE object"))) return false;
+    // Fresh statistics for the planner; no table rewrite. The rows are
+    // committed by now: a failure here is only logged.
+    if (0 > KOLVDBExecute(pConn, "ANALYZE object", NULL))
+        syslog(LOG_ERR, "%s:%d ANALYZE after reindex failed: %s", __FILE__, __LINE__, KOLVDBErrorGet(pConn));
     return true;
 }
 

@@ -3,6 +3,7 @@
 // rebuild never shows a listing fewer rows than it had.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -12,6 +13,7 @@
 #include "index/index_row_store.h"
 #include "kolvvessa/kolvvessa_common.h"
 #include "kolvvessa/kolvvessa_error.h"
+#include "kolvvessa/kolvvessa_index.h"
 #include "kolvvessa/kolvvessa_object.h"
 #include "object/object_test_util.h"
 
@@ -129,6 +131,93 @@ TEST_F(ReindexTest, ReaderRowsEqualTheRowsOfAnOwnersReadAndSkippedObjectsSayWhy)
     EXPECT_FALSE(closed.Read("note", ids[1].c_str(), row, strWhy)); // from the reader's memory
     EXPECT_EQ("a disabled namespace", strWhy);
     EXPECT_NE(0, KOLVVessaErrCodeGet());
+}
+
+class ReindexDbTest : public objtest::IndexedStoreTest {
+  protected:
+    // Every row of "note" as "id|category|version", in id order.
+    static std::string Dump() {
+        return kolvtest::Psql("SELECT string_agg(id || '|' || category || '|' || version, ',' ORDER BY id) "
+                              "FROM object WHERE ns = 'note';");
+    }
+    // How many objects alice lists in "note" (hers and the shared ones).
+    static int Listed() {
+        Json::Value jParm = J(R"({"ns":"note","limit":1000})");
+        jParm["requester"] = kAlice;
+        KOLV_VESSA_OBJECT *pHead = NULL;
+        unsigned total = 0;
+        int count = KOLVVessaObjectList(jParm, &pHead, total);
+        KOLVVessaObjectFreeList(pHead);
+        return count;
+    }
+};
+
+TEST_F(ReindexDbTest, AListingDuringReindexesOfItsNamespaceNeverSeesFewerRows) {
+    for (int i = 0; i < 40; ++i)
+        Create(i % 2 ? kAlice : kBob, J(R"({"acl":{"enabled":true,"public":{"perm":"ro"}}})"));
+    const int before = Listed();
+    ASSERT_EQ(40, before) << kolvtest::StackText();
+    // The child rebuilds on connections of its own; it never uses the one
+    // it inherited.
+    pid_t pid = fork();
+    ASSERT_LE(0, pid);
+    if (0 == pid) {
+        bool blOk = true;
+        for (int i = 0; i < 30 && blOk; ++i)
+            blOk = KOLVVessaReindex(J(R"({"ns":"note"})"));
+        _exit(blOk ? 0 : 1);
+    }
+    int lists = 0, status = 0;
+    while (0 == waitpid(pid, &status, WNOHANG)) {
+        ASSERT_LE(before, Listed()) << "after " << lists << " listings";
+        ++lists;
+    }
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_EQ(before, Listed());
+}
+
+void CountProgress(unsigned done, unsigned total, void *pv) {
+    auto *pCalls = static_cast<std::vector<std::pair<unsigned, unsigned>> *>(pv);
+    pCalls->emplace_back(done, total);
+}
+
+TEST_F(ReindexDbTest, AFailureAnywhereInTheRebuildLeavesTheOldRows) {
+    for (int i = 0; i < 3; ++i)
+        Create(kAlice);
+    kolvtest::Psql("UPDATE object SET category = 'old';");
+    const std::string strOld = Dump();
+    const Json::Value jParam = J(R"({"ns":"note"})");
+    int failures = 0;
+    bool blFired = true;
+    for (long n = 1; blFired && n < 1000; ++n) {
+        SCOPED_TRACE("a fault at check " + std::to_string(n));
+        KOLVFaultArm(n);
+        bool blOk = KOLVVessaReindex(jParam);
+        blFired = TRUE == KOLVFaultFired();
+        KOLVFaultArm(0);
+        if (!blOk) {
+            ++failures;
+            EXPECT_TRUE(blFired) << kolvtest::StackText();
+            EXPECT_NE(0, KOLVVessaErrCodeGet());
+            ASSERT_EQ(strOld, Dump());
+        } else {
+            // A fault in one object's files skips that object only, and
+            // settings that cannot be read never pass for a closed namespace.
+            EXPECT_LE(2, std::stoi(Rows("ns = 'note'")));
+            ASSERT_TRUE(KOLVVessaReindex(jParam)) << kolvtest::StackText();
+            kolvtest::Psql("UPDATE object SET category = 'old';");
+        }
+    }
+    EXPECT_FALSE(blFired);
+    EXPECT_LE(4, failures); // connecting, BEGIN, DELETE, INSERT, COMMIT
+
+    // The progress hook ends with every folder done.
+    std::vector<std::pair<unsigned, unsigned>> calls;
+    ASSERT_TRUE(KOLVVessaReindexEx(jParam, CountProgress, &calls)) << kolvtest::StackText();
+    ASSERT_FALSE(calls.empty());
+    EXPECT_EQ(std::make_pair(3u, 3u), calls.back());
+    EXPECT_EQ("3", Rows("ns = 'note' AND category = 'memo'"));
 }
 
 } // namespace
