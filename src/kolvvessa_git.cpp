@@ -45,13 +45,21 @@ std::atomic<int> s_cBranch{0};
 std::once_flag s_options;
 
 /* libgit2's process-wide options, set before the first repository is
- * opened or made: its files are flushed to disk as written, and object
+ * opened or made: its files are flushed to disk as written; object
  * folders belonging to their owners while the store runs as root is no
- * sign of a foreign repository (".git" is checked by CheckRepository). */
+ * sign of a foreign repository (".git" is checked by CheckRepository);
+ * and no global, XDG, system or program-data configuration file is ever
+ * looked for or read, so nothing in a home folder or /etc changes how a
+ * version is written. One initialisation is kept for the life of the
+ * process: a last shutdown would reset the options. */
 void SetOptions() {
     std::call_once(s_options, [] {
+        git_libgit2_init();
         git_libgit2_opts(GIT_OPT_ENABLE_FSYNC_GITDIR, 1);
         git_libgit2_opts(GIT_OPT_SET_OWNER_VALIDATION, 0);
+        for (int level : {GIT_CONFIG_LEVEL_GLOBAL, GIT_CONFIG_LEVEL_XDG, GIT_CONFIG_LEVEL_SYSTEM,
+                          GIT_CONFIG_LEVEL_PROGRAMDATA})
+            git_libgit2_opts(GIT_OPT_SET_SEARCH_PATH, level, "");
     });
 }
 

@@ -149,6 +149,31 @@ TEST_F(GitLayerTest, CreateAndCommitWriteValidRepositories) {
     EXPECT_FALSE(TRABCFileExist((m_repo + "/.git/index").c_str()));
 }
 
+// The library runs for users as root: a git configuration in the home
+// folder, the XDG folder or /etc must not change (or break) a version
+// write. Here both personal ones do not even parse.
+TEST_F(GitLayerTest, GlobalAndXdgGitConfigurationIsNeverRead) {
+    const std::string strHome = m_sys.Root() + "/home", strXdg = m_sys.Root() + "/xdg";
+    ASSERT_EQ(0, RunCommand("mkdir -p '" + strHome + "' '" + strXdg + "/git'"));
+    WriteFile(strHome + "/.gitconfig", "[core\n\tautocrlf = true\n[include]\n\tpath = /nonexistent\n");
+    WriteFile(strXdg + "/git/config", "[core]\n\tautocrlf = true\n\tbogus\n");
+    const char *szHome = getenv("HOME");
+    std::string strOldHome = szHome ? szHome : "";
+    setenv("HOME", strHome.c_str(), 1);
+    setenv("XDG_CONFIG_HOME", strXdg.c_str(), 1);
+    Hash add({{"text/a", Src("crlf", "\"one\"\r\n")}});
+    std::string strVer;
+    int ret = GitCreateRepository(m_repo.c_str(), 100, add.get(), nullptr, "alice", "alice@example.com", Msg(0).c_str(),
+                                  strVer);
+    std::string strV2 = 0 == ret ? CommitText(strVer, "\"two\"\r\n", 200, 1) : "";
+    if (szHome) setenv("HOME", strOldHome.c_str(), 1);
+    unsetenv("XDG_CONFIG_HOME");
+    ASSERT_EQ(0, ret) << kolvtest::StackText();
+    ExpectValidAndClean();
+    // Bytes as given: no line-ending conversion.
+    EXPECT_EQ("\"two\"\r\n", Git("show " + strV2 + ":text/a"));
+}
+
 TEST_F(GitLayerTest, OlderParentsBranchAndTheLatestOwnsTheWorkTree) {
     std::string strV1 = Create();
     std::string strV2 = CommitText(strV1, "\"v2\"", 200, 1);
