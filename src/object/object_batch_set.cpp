@@ -58,9 +58,12 @@ bool SetInStore(KOLVVESSA_BACKEND_OP *pBackendFs, KOLV_VESSA_OBJECT *pObj) {
     std::string strNewVer = jParm["version"].asString();
     if (KOLV_APPEND_IF(!pBackendFs->Set(jParm, strNewVer))) return false;
     Json::Value jGetParm = kolv::WholeObjectParm(jParm);
-    if (KOLV_APPEND_IF(!pObj->Get(jGetParm))) KOLVVessaErrSyslog();
+    // The object read back serves the index; one that could not be read
+    // is read again by the index.
+    bool blRead = pObj->Get(jGetParm);
+    if (KOLV_APPEND_IF(!blRead)) KOLVVessaErrSyslog();
     pObj->m_param = jParm;
-    kolv::IndexChanged(jParm, strNewVer);
+    kolv::IndexChanged(jParm, strNewVer, blRead ? pObj : NULL);
     return true;
 }
 

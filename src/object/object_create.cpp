@@ -150,8 +150,15 @@ bool KOLV_VESSA_OBJECT::Create(const Json::Value &jsParm) {
             return false;
         }
         hooks.Post(jParm, this);
-        if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(strNewID.c_str(), jParm["ns"].asCString(),
-                                                 (uid_t)jParm["requester"].asInt64()))) {
+        // The object in hand is the row, unless a post hook may have
+        // changed the object again.
+        bool blIndexed = hooks.HasPost() ? KOLVVessaObjectIndex(strNewID.c_str(), jParm["ns"].asCString(),
+                                                                (uid_t)jParm["requester"].asInt64())
+                                         : kolv::IndexObject(*this);
+        if (!blIndexed) {
+            kolv::FailAppend(__FILE__, __LINE__,
+                             "!KOLVVessaObjectIndex(strNewID.c_str(), jParm[\"ns\"].asCString(), "
+                             "(uid_t)jParm[\"requester\"].asInt64())");
             KOLV_OBJECT_SYSLOG("Failed to record create action of KOLV_VESSA_OBJECT in db. ns=[%s] category=[%s]",
                                jParm["ns"].asCString(), jParm["category"].asCString());
         }

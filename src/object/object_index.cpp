@@ -22,15 +22,17 @@
 
 namespace {
 
-const char szSQLUpsertTemplate[] =
-    "UPDATE object SET ns='@KOLV:VAR', owner=@KOLV:LLINT, category='@KOLV:VAR',parent_id='@KOLV:VAR',"
-    "version='@KOLV:VAR',commit_msg='@KOLV:VAR', acl='@KOLV:VAR', text='@KOLV:VAR', metatext='@KOLV:VAR', "
-    "binary_info='@KOLV:VAR', metabinary_info='@KOLV:VAR', ctime=@KOLV:INT, mtime=@KOLV:INT, "
-    "extra_info='@KOLV:VAR' WHERE id='@KOLV:VAR'; INSERT INTO object(id, ns, owner, category, parent_id, "
-    "version, commit_msg, acl, text, metatext, binary_info, metabinary_info, ctime, mtime, extra_info)SELECT "
-    "'@KOLV:VAR', '@KOLV:VAR', @KOLV:LLINT, '@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', "
-    "'@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', '@KOLV:VAR', @KOLV:INT, @KOLV:INT, '@KOLV:VAR' WHERE NOT EXISTS "
-    "(SELECT 1 FROM object where id = '@KOLV:VAR');";
+// One statement: the row is inserted, or the row of that id overwritten
+// in place.
+const char szSQLUpsertPrefix[] =
+    "INSERT INTO object(id, ns, owner, category, parent_id, version, commit_msg, acl, text, metatext, "
+    "binary_info, metabinary_info, ctime, mtime, extra_info) VALUES";
+const char szSQLUpsertSuffix[] =
+    " ON CONFLICT (id) DO UPDATE SET ns=EXCLUDED.ns, owner=EXCLUDED.owner, category=EXCLUDED.category, "
+    "parent_id=EXCLUDED.parent_id, version=EXCLUDED.version, commit_msg=EXCLUDED.commit_msg, acl=EXCLUDED.acl, "
+    "text=EXCLUDED.text, metatext=EXCLUDED.metatext, binary_info=EXCLUDED.binary_info, "
+    "metabinary_info=EXCLUDED.metabinary_info, ctime=EXCLUDED.ctime, mtime=EXCLUDED.mtime, "
+    "extra_info=EXCLUDED.extra_info;";
 
 const char szSQLBatchInsertPrefix[] =
     "INSERT INTO object(id, ns, owner, category, parent_id, version, commit_msg, acl, text, metatext, "
@@ -38,19 +40,22 @@ const char szSQLBatchInsertPrefix[] =
 
 const char szSQLBatchDeletePrefix[] = "DELETE FROM object where id IN ";
 
-char *FormatUpsert(KOLVDB *pConn, const kolv::IndexRow &r) {
-    return KOLVDBEscapeStringEX3(
-        1, pConn, szSQLUpsertTemplate,
-        // the UPDATE
-        r.strNs.c_str(), r.owner, r.strCategory.c_str(), r.strParentId.c_str(), r.strVersion.c_str(),
-        r.strCommitMsg.c_str(), r.strAcl.c_str(), r.strText.c_str(), r.strMetatext.c_str(), r.strBinaryInfo.c_str(),
-        r.strMetabinaryInfo.c_str(), r.ctime, r.mtime, r.strExtraInfo.c_str(), r.strId.c_str(),
-        // the INSERT
-        r.strId.c_str(), r.strNs.c_str(), r.owner, r.strCategory.c_str(), r.strParentId.c_str(), r.strVersion.c_str(),
-        r.strCommitMsg.c_str(), r.strAcl.c_str(), r.strText.c_str(), r.strMetatext.c_str(), r.strBinaryInfo.c_str(),
-        r.strMetabinaryInfo.c_str(), r.ctime, r.mtime, r.strExtraInfo.c_str(),
-        // the NOT EXISTS test
-        r.strId.c_str());
+// The row's upsert, escaped for pConn; empty when formatting fails.
+std::string FormatUpsert(KOLVDB *pConn, const kolv::IndexRow &Row) {
+    kolv::CString szValues(kolv::FormatIndexRowValues(pConn, Row));
+    if (!szValues) return std::string();
+    return szSQLUpsertPrefix + std::string(szValues.get()) + szSQLUpsertSuffix;
+}
+
+// Writes the row of an object read with every field.
+bool UpsertObject(KOLVDB *pConn, const KOLV_VESSA_OBJECT &Object) {
+    // The old row, if any, stays as it was.
+    if (KOLV_FAIL_IF(1007, KOLVVessaObjectHoldsNul(Object))) return false;
+    std::string strSQL = FormatUpsert(pConn, kolv::IndexRowFromObject(Object));
+    const char *szSQLUpsert = strSQL.empty() ? NULL : strSQL.c_str();
+    if (KOLV_FAIL_IF(1000, (NULL == szSQLUpsert))) return false;
+    if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(pConn, szSQLUpsert, NULL)))) return false;
+    return true;
 }
 
 bool StringHoldsNul(const std::string &str) {
@@ -106,15 +111,21 @@ bool KOLVVessaObjectIndexEx(KOLVDB *pConn, const char *szID, const char *szNs, u
     return KOLV_NO_THROW_AS(false, 1000, "index aborted", [&]() -> bool {
         KOLV_VESSA_OBJECT Object;
         if (!ReadForIndex(szID, szNs, requester, Object)) return false;
-        // The old row, if any, stays as it was.
-        if (KOLV_FAIL_IF(1007, KOLVVessaObjectHoldsNul(Object))) return false;
-        kolv::CString sqlGuard(FormatUpsert(pConn, kolv::IndexRowFromObject(Object)));
-        const char *szSQLUpsert = sqlGuard.get();
-        if (KOLV_FAIL_IF(1000, (NULL == szSQLUpsert))) return false;
-        if (KOLV_FAIL_IF(1000, (0 != KOLVDBExecute(pConn, szSQLUpsert, NULL)))) return false;
-        return true;
+        return UpsertObject(pConn, Object);
     });
 }
+
+namespace kolv {
+
+bool IndexObject(const KOLV_VESSA_OBJECT &Object) {
+    KOLVDB *pConn = NULL;
+    if (KOLV_APPEND_IF(NULL == (pConn = KOLVVessaOpenConn()))) return false;
+    bool blRet = KOLV_NO_THROW_AS(false, 1000, "index aborted", [&]() -> bool { return UpsertObject(pConn, Object); });
+    KOLVVessaCloseConn();
+    return blRet;
+}
+
+} // namespace kolv
 
 bool KOLVVessaObjectIndex(const char *szID, const char *szNs, uid_t requester) {
     KOLVDB *pConn = NULL;

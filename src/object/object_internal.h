@@ -77,9 +77,20 @@ bool PrepareSetParm(Json::Value &jParm, const Json::Value &jAcl, const KOLV_VESS
 bool ListChildIds(const std::string &strNs, const Json::Value &jParent, uid_t requester,
                   std::vector<std::string> &vIds);
 
+/* Upserts the index row of an object in hand, read back after its write
+ * with every field for the requester of the write: the row a fresh read
+ * would give, without the read. Codes as KOLVVessaObjectIndex. */
+bool IndexObject(const KOLV_VESSA_OBJECT &Object);
+
+/* The record a failed index write of jParm's object ("ns", "id",
+ * "requester") appends, whichever way the row was built. */
+extern const char szIndexCall[];
+
 /* Re-indexes an object jParm ("ns", "id", "requester") changed to version
- * strNewVer; a failure is logged and does not undo the change. */
-void IndexChanged(const Json::Value &jParm, const std::string &strNewVer);
+ * strNewVer: from pObj, the object read back after the change, or read
+ * again when pObj is NULL. A failure is logged and does not undo the
+ * change. */
+void IndexChanged(const Json::Value &jParm, const std::string &strNewVer, const KOLV_VESSA_OBJECT *pObj);
 
 /* Applies one sharing request ("type", "op", "perm", "uid"/"gid",
  * "enabled", "recursive") to acl in place. Gives 1 when acl changed, 0
@@ -98,6 +109,9 @@ class NsHooks {
     NsHooks &operator=(const NsHooks &) = delete;
     void Pre(const Json::Value &jParm, const KOLV_VESSA_OBJECT *pObject) const;
     void Post(const Json::Value &jParm, const KOLV_VESSA_OBJECT *pObject) const;
+    /* Whether a post hook runs: one may change the object again, so the
+     * object in hand is no longer the one stored. */
+    bool HasPost() const { return NULL != m_pfnPost; }
 
   private:
     void *m_dlHandle;

@@ -70,8 +70,13 @@ bool KOLV_VESSA_OBJECT::FieldRename(const Json::Value &jsParm) {
         if (KOLV_APPEND_IF(!pBackendFs->FieldRename(jParm, strNewVer))) return false;
         if (KOLV_APPEND_IF(!Get(jGetParm))) return false;
         hooks.Post(jParm, this);
-        if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(jParm["id"].asCString(), jParm["ns"].asCString(),
-                                                 (uid_t)jParm["requester"].asInt64()))) {
+        // The object in hand is the row, unless a post hook may have
+        // changed the object again.
+        bool blIndexed = hooks.HasPost() ? KOLVVessaObjectIndex(jParm["id"].asCString(), jParm["ns"].asCString(),
+                                                                (uid_t)jParm["requester"].asInt64())
+                                         : kolv::IndexObject(*this);
+        if (!blIndexed) {
+            kolv::FailAppend(__FILE__, __LINE__, kolv::szIndexCall);
             KOLV_OBJECT_SYSLOG("Failed to record field rename of KOLV_VESSA_OBJECT in db. ns=[%s] id=[%s] ver=[%s]",
                                jParm["ns"].asCString(), jParm["id"].asCString(), strNewVer.c_str());
         }

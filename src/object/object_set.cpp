@@ -51,16 +51,22 @@ bool KOLV_VESSA_OBJECT::Set(const Json::Value &jsParm) {
         if (KOLV_APPEND_IF(!pBackendFs->Set(jParm, strNewVer))) return false;
         if (KOLV_APPEND_IF(!Get(jGetParm))) return false;
         hooks.Post(jParm, this);
-        kolv::IndexChanged(jParm, strNewVer);
+        kolv::IndexChanged(jParm, strNewVer, hooks.HasPost() ? NULL : this);
         return true;
     });
 }
 
 namespace kolv {
 
-void IndexChanged(const Json::Value &jParm, const std::string &strNewVer) {
-    if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(jParm["id"].asCString(), jParm["ns"].asCString(),
-                                             (uid_t)jParm["requester"].asInt64()))) {
+const char szIndexCall[] = "!KOLVVessaObjectIndex(jParm[\"id\"].asCString(), jParm[\"ns\"].asCString(), "
+                           "(uid_t)jParm[\"requester\"].asInt64())";
+
+void IndexChanged(const Json::Value &jParm, const std::string &strNewVer, const KOLV_VESSA_OBJECT *pObj) {
+    bool blOk = pObj ? IndexObject(*pObj)
+                     : KOLVVessaObjectIndex(jParm["id"].asCString(), jParm["ns"].asCString(),
+                                            (uid_t)jParm["requester"].asInt64());
+    if (!blOk) {
+        FailAppend(__FILE__, __LINE__, szIndexCall);
         KOLV_OBJECT_SYSLOG("Failed to record set action of KOLV_VESSA_OBJECT in db. ns=[%s] id=[%s] ver=[%s]",
                            jParm["ns"].asCString(), jParm["id"].asCString(), strNewVer.c_str());
     }

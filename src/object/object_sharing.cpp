@@ -76,8 +76,10 @@ int ShareOne(KOLV_VESSA_OBJECT &obj, const Json::Value &jsParm) {
     std::string strPerm;
     uid_t requester = (uid_t)jParm["requester"].asInt64();
     obj.set_perm(KOLVVessaObjectPermCalculate(requester, obj.get_owner(), obj.get_acl(), strPerm) ? strPerm : "NA");
-    if (KOLV_APPEND_IF(!KOLVVessaObjectIndex(jParm["id"].asCString(), jParm["ns"].asCString(),
-                                             (uid_t)jParm["requester"].asInt64()))) {
+    // The row from the object as read back by the system: the whole ACL,
+    // whatever the requester may still see of it after the change.
+    if (!kolv::IndexObject(obj)) {
+        kolv::FailAppend(__FILE__, __LINE__, kolv::szIndexCall);
         return -1;
     }
     hooks.Post(jParm, &obj);

@@ -50,6 +50,52 @@ KOLV_VESSA_OBJECT *Record(const std::string &strId, const std::string &strCatego
     return p;
 }
 
+// After every kind of change the row is written from the object read
+// back for the answer: it must be the row a fresh read would write, every
+// column, the whole ACL even where the requester is a sharer "rw".
+TEST_F(IndexObjectTest, RowsWrittenAfterEveryChangeEqualAFreshRead) {
+    const std::string strRow = "SELECT row_to_json(o)::text FROM object o WHERE id = '";
+    auto ExpectFresh = [&](const std::string &strId, unsigned requester, const char *szStep) {
+        std::string strWritten = kolvtest::Psql(strRow + strId + "';");
+        ASSERT_TRUE(KOLVVessaObjectIndex(strId.c_str(), "note", requester)) << kolvtest::StackText();
+        EXPECT_EQ(kolvtest::Psql(strRow + strId + "';"), strWritten) << szStep;
+        EXPECT_NE(std::string::npos, strWritten.find("\"hmx_user\"")) << szStep << ": " << strWritten;
+    };
+    Json::Value jParm = J(R"({"ns":"note","category":"memo","text":{"title":"t","body":"b"},"metatext":{"m":1},
+                              "acl":{"enabled":true,"hmx_user":{"1102":{"perm":"rw","inherit":false}}},
+                              "commit_msg":{"listable":true}})");
+    std::string strId = Create(jParm, kolvtest::kAlice);
+    ExpectFresh(strId, kolvtest::kAlice, "create");
+    KOLV_VESSA_OBJECT Object;
+    Json::Value jSet = J(R"({"ns":"note","text":{"title":"by bob","body":null},"metatext":{"m":2}})");
+    jSet["id"] = strId;
+    jSet["requester"] = kolvtest::kBob;
+    Json::Value jGet = J(R"({"ns":"note","field":{"acl":true}})");
+    jGet["id"] = strId;
+    jGet["requester"] = kolvtest::kAlice;
+    ASSERT_TRUE(Object.Get(jGet)) << kolvtest::StackText();
+    jSet["version"] = Object.get_version();
+    ASSERT_TRUE(Object.Set(jSet)) << kolvtest::StackText();
+    ExpectFresh(strId, kolvtest::kBob, "set by a sharer rw");
+    Json::Value jShare = J(R"({"ns":"note","type":"group","op":"set","perm":"ro","gid":100})");
+    jShare["id"] = strId;
+    jShare["requester"] = kolvtest::kAlice;
+    ASSERT_TRUE(Object.Sharing(jShare)) << kolvtest::StackText();
+    ExpectFresh(strId, kolvtest::kAlice, "sharing");
+    Json::Value jRename = J(R"({"ns":"note","segment":"metatext","old_field":"m","new_field":"n"})");
+    jRename["id"] = strId;
+    jRename["requester"] = kolvtest::kAlice;
+    ASSERT_TRUE(Object.FieldRename(jRename)) << kolvtest::StackText();
+    ExpectFresh(strId, kolvtest::kAlice, "field rename");
+    KOLV_VESSA_OBJECT_LIST List;
+    Json::Value jBatch = J(R"({"ns":"note","metatext":{"m":3}})");
+    jBatch["id"].append(strId);
+    jBatch["requester"] = kolvtest::kAlice;
+    Json::Value jResult;
+    ASSERT_TRUE(List.Set(jBatch, jResult)) << kolvtest::StackText();
+    ExpectFresh(strId, kolvtest::kAlice, "batch set");
+}
+
 TEST_F(IndexObjectTest, UpsertAddsOneRowThenUpdatesItInPlace) {
     // Every hostile value is data all the way, on a connection whose
     // server reads a backslash in a literal as an escape.
