@@ -1,12 +1,16 @@
 /*
- * Reading the platform config file. Every call reads and parses the file
- * anew (it is small), so there is no shared state to guard.
+ * Reading the platform config file. The parsed file is kept, under a
+ * lock, for as long as its identity, size and modification time (to the
+ * nanosecond) stay the same: a listing asks for a user's groups and a
+ * home share many times a second.
  */
 #include <json/json.h>
 #include <errno.h>
 #include <limits.h>
+#include <sys/stat.h>
 
 #include <fstream>
+#include <mutex>
 #include <sstream>
 
 #include "kolvplatform/kolv_platform.h"
@@ -44,26 +48,27 @@ bool ReadUser(const Json::Value &j, TableUser *pUser) {
     return true;
 }
 
-} // namespace
+/* What tells one state of the file from another. */
+struct FileStamp {
+    std::string strPath;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    struct timespec mtim = {0, 0};
 
-const TableUser *PlatformConfig::FindUid(uid_t uid) const {
-    for (const TableUser &user : users) {
-        if (user.uid == uid) return &user;
+    bool operator==(const FileStamp &o) const {
+        return strPath == o.strPath && dev == o.dev && ino == o.ino && size == o.size && mtim.tv_sec == o.mtim.tv_sec &&
+               mtim.tv_nsec == o.mtim.tv_nsec;
     }
-    return nullptr;
-}
+};
 
-const TableUser *PlatformConfig::FindName(const std::string &strName) const {
-    for (const TableUser &user : users) {
-        if (user.strName == strName) return &user;
-    }
-    return nullptr;
-}
+std::mutex gCacheLock;
+bool gblCached = false;
+FileStamp gCachedStamp;
+PlatformConfig gCachedConfig;
 
-PlatformConfig LoadPlatformConfig() {
+PlatformConfig ParseConfigFile(const char *szPath) {
     PlatformConfig config;
-    char szPath[PATH_MAX];
-    if (!KOLVSysPath(kConfigPath, szPath, sizeof(szPath))) return config;
     std::ifstream ifs(szPath, std::ios::binary);
     if (!ifs) {
         config.blBroken = ENOENT != errno;
@@ -99,6 +104,46 @@ PlatformConfig LoadPlatformConfig() {
             if (ReadUser(jUser, &user) && !config.FindUid(user.uid)) config.users.push_back(std::move(user));
         }
     }
+    return config;
+}
+
+} // namespace
+
+const TableUser *PlatformConfig::FindUid(uid_t uid) const {
+    for (const TableUser &user : users) {
+        if (user.uid == uid) return &user;
+    }
+    return nullptr;
+}
+
+const TableUser *PlatformConfig::FindName(const std::string &strName) const {
+    for (const TableUser &user : users) {
+        if (user.strName == strName) return &user;
+    }
+    return nullptr;
+}
+
+PlatformConfig LoadPlatformConfig() {
+    char szPath[PATH_MAX];
+    if (!KOLVSysPath(kConfigPath, szPath, sizeof(szPath))) return PlatformConfig();
+    struct stat st;
+    // A file that cannot be looked at is read as before, uncached.
+    if (0 != stat(szPath, &st)) return ParseConfigFile(szPath);
+    FileStamp stamp;
+    stamp.strPath = szPath;
+    stamp.dev = st.st_dev;
+    stamp.ino = st.st_ino;
+    stamp.size = st.st_size;
+    stamp.mtim = st.st_mtim;
+    {
+        std::lock_guard<std::mutex> guard(gCacheLock);
+        if (gblCached && gCachedStamp == stamp) return gCachedConfig;
+    }
+    PlatformConfig config = ParseConfigFile(szPath);
+    std::lock_guard<std::mutex> guard(gCacheLock);
+    gblCached = true;
+    gCachedStamp = stamp;
+    gCachedConfig = config;
     return config;
 }
 
