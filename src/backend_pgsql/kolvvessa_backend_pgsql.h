@@ -41,6 +41,9 @@ class KOLVVESSA_BACKEND_PGSQL : public KOLVVESSA_BACKEND_OP {
     bool Select(const std::string &strSql, KOLVDBRESULT *&pResult);
 
     KOLVDB *m_conn;
+    /* The ORDER BY of the listing in progress when it is not the usual
+     * one (best "search" matches first); empty for newest first. */
+    std::string m_strOrder;
 };
 
 #endif /* KOLVVESSA_BACKEND_PGSQL_H */

@@ -228,14 +228,14 @@ bool IsDecimal(const char *sz) {
 // The select of Data model: basic columns and the ACL always, the JSON
 // columns whose key "field" has (whatever its value), in the listing's
 // order.
-std::string BuildSelect(const Json::Value &jParm, const std::string &strCondition) {
+std::string BuildSelect(const Json::Value &jParm, const std::string &strCondition, const std::string &strOrder) {
     std::string strSql = "SELECT id, ns, category, parent_id, version, owner, mtime, ctime, acl";
     const Json::Value &jField = jParm["field"];
     for (const char *szColumn : rgJsonColumns) {
         if (jField.isObject() && jField.isMember(szColumn)) strSql += std::string(", ") + szColumn;
     }
     strSql += " FROM object WHERE " + (strCondition.empty() ? std::string("TRUE") : strCondition);
-    return strSql + szOrder;
+    return strSql + (strOrder.empty() ? std::string(szOrder) : strOrder);
 }
 
 // The database's paging of a query without per-row checks.
@@ -474,6 +474,60 @@ bool AddRequestAfter(KOLVDB *pConn, const Json::Value &jParm, std::string &strCo
                         (long long)jAfter["mtime"].asInt64(), strId.c_str());
 }
 
+// A lexeme as a quoted prefix term of the text-search query syntax: in
+// quotes a backslash and a quote are escaped, so that nothing the word
+// holds is read as an operator.
+std::string PrefixTerm(const char *szLexeme) {
+    std::string str = "'";
+    for (const char *p = szLexeme; *p; ++p) {
+        if (*p == '\\') str += '\\';
+        if (*p == '\'') str += '\'';
+        str += *p;
+    }
+    return str + "':*";
+}
+
+// The words of the request's "search" as the server splits them, with the
+// same configuration that made the rows' words: each word a prefix, all of
+// them wanted. Empty when the text holds no word.
+bool SearchTerms(KOLVVESSA_BACKEND_PGSQL *pBackend, const std::string &strSearch, std::string &strTerms) {
+    kolv::CString szSql(KOLVDBEscapeStringEX3(
+        1, pBackend->m_conn, "SELECT lexeme FROM unnest(to_tsvector('simple', '@KOLV:VAR'))", strSearch.c_str()));
+    if (KOLV_FAIL_IF(1014, NULL == szSql)) return false;
+    KOLVDBRESULT *pResult = NULL;
+    if (!pBackend->Select(szSql.get(), pResult)) return false;
+    kolv::DBResult guard(pResult);
+    for (int Row = -1; 0 == KOLVDBFetchRow(pResult, &Row);) {
+        const char *szLexeme = KOLVDBFetchField(pResult, Row, "lexeme");
+        if (!szLexeme || !*szLexeme) continue;
+        strTerms += (strTerms.empty() ? "" : " & ") + PrefixTerm(szLexeme);
+    }
+    return true;
+}
+
+// "search": the rows whose words hold every word of it as a prefix, in
+// every part of the listing; "order": "rank" puts the best matches first.
+// A search without any word filters nothing, and ranks nothing. The
+// keyset cursor follows the usual order only: with "rank" it is refused.
+bool AddSearch(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jParm, std::string &strCondition) {
+    bool blRank = jParm.isMember("order");
+    if (KOLV_FAIL_IF(1007, blRank && jParm["order"] != "rank")) return false;
+    if (KOLV_FAIL_IF(1007, blRank && jParm.isMember("after"))) return false;
+    if (!jParm.isMember("search")) return true;
+    if (KOLV_FAIL_IF(1007, !jParm["search"].isString())) return false;
+    std::string strTerms;
+    if (!SearchTerms(pBackend, jParm["search"].asString(), strTerms)) return false;
+    if (strTerms.empty()) return true;
+    kolv::CString szQuery(KOLVDBEscapeStringEX3(1, pBackend->m_conn, "'@KOLV:VAR'::tsquery", strTerms.c_str()));
+    if (KOLV_FAIL_IF(1014, NULL == szQuery)) return false;
+    AddCond(strCondition, std::string("search @@ ") + szQuery.get());
+    if (blRank) {
+        pBackend->m_strOrder =
+            std::string(" ORDER BY ts_rank(search, ") + szQuery.get() + ") DESC, mtime DESC, id COLLATE \"C\" DESC ";
+    }
+    return true;
+}
+
 } // namespace
 
 bool KOLVVESSA_BACKEND_PGSQL::init() {
@@ -490,7 +544,7 @@ bool KOLVVESSA_BACKEND_PGSQL::Select(const std::string &strSql, KOLVDBRESULT *&p
 // A query without per-row checks, paged by the database.
 static bool SelectPaged(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jParm, const std::string &strCondition,
                         RowReader &reader, Chain &chain) {
-    std::string strSql = BuildSelect(jParm, strCondition);
+    std::string strSql = BuildSelect(jParm, strCondition, pBackend->m_strOrder);
     if (!AddPaging(pBackend->m_conn, jParm, strSql)) return false;
     KOLVDBRESULT *pResult = NULL;
     if (!pBackend->Select(strSql, pResult)) return false;
@@ -502,28 +556,33 @@ static bool SelectPaged(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jP
 // A query paged in code: bounded batches in the listing's order, each
 // after the last row of the one before, until offset + limit visible rows
 // are found or the rows run out. A limit of 0 or less is no limit here,
-// unlike in the database.
+// unlike in the database. The usual order goes on from the last row's
+// (mtime, id); an order by rank, which no index holds, by the rows read.
 static bool SelectInBatches(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jParm,
                             const std::string &strCondition, RowReader &reader, Chain &chain) {
     int skip = jParm["offset"].asInt(), limit = jParm["limit"].asInt();
     long long want = limit > 0 ? (long long)std::max(skip, 0) + limit : kBatchMax;
     int batch = (int)std::min<long long>(want, kBatchMax);
+    long long read = 0;
     std::string strBatchCond = strCondition;
     for (;;) {
-        kolv::CString szLimit(KOLVDBEscapeStringEX3(1, pBackend->m_conn, " LIMIT @KOLV:INT ", batch));
+        kolv::CString szLimit(KOLVDBEscapeStringEX3(1, pBackend->m_conn, " OFFSET @KOLV:LLINT LIMIT @KOLV:INT ",
+                                                    pBackend->m_strOrder.empty() ? 0LL : read, batch));
         if (KOLV_FAIL_IF(1014, NULL == szLimit)) return false;
-        std::string strSql = BuildSelect(jParm, strBatchCond) + szLimit.get();
+        std::string strSql = BuildSelect(jParm, strBatchCond, pBackend->m_strOrder) + szLimit.get();
         KOLVDBRESULT *pResult = NULL;
         if (!pBackend->Select(strSql, pResult)) return false;
         kolv::DBResult guard(pResult);
         if (!ReadRows(reader, pResult, skip, limit, chain)) return false;
         int rows = KOLVDBResultRows(pResult);
         if ((limit > 0 && chain.count >= limit) || rows < batch) return true;
+        read += rows;
+        batch = std::min(2 * batch, kBatchMax);
+        if (!pBackend->m_strOrder.empty()) continue;
         strBatchCond = strCondition;
         if (!AddAfterRow(pBackend->m_conn, KOLVDBFetchField(pResult, rows - 1, "mtime"),
                          KOLVDBFetchField(pResult, rows - 1, "id"), strBatchCond))
             return false;
-        batch = std::min(2 * batch, kBatchMax);
     }
 }
 
@@ -605,8 +664,10 @@ static int ListChecked(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jPa
     if (KOLV_FAIL_IF(1007, !jParm.isMember("limit"))) return -1;
     uid_t requester = JsonUid(jParm["requester"]);
     std::string strCondition;
+    pBackend->m_strOrder.clear();
     if (!BuildCondition(pBackend->m_conn, jParm, requester, strCondition)) return -1;
     if (!AddRequestAfter(pBackend->m_conn, jParm, strCondition)) return -1;
+    if (!AddSearch(pBackend, jParm, strCondition)) return -1;
     if (jParm["filter"].isObject() && jParm["filter"].isMember("owner")) {
         return ListOneOwner(pBackend, jParm, strCondition, requester, ppHead, total);
     }

@@ -28,10 +28,11 @@ namespace kolv {
 /* Lays down the table "object" and its indexes on a new database; false
  * with nothing on the stack when the database refuses. */
 bool CreateIndexSchema(KOLVDB *pConn);
-/* Adds the listing indexes to a table made before them, once, under a
- * database lock so that two processes opening at once do it once; rows
- * are untouched. False (logged, nothing on the stack) when the database
- * refuses: listings then still answer, only slower. */
+/* Adds the listing indexes and the search column with its index to a
+ * table made before them, once, under a database lock so that two
+ * processes opening at once do it once; the stored values are untouched.
+ * False (logged, nothing on the stack) when the database refuses: listings
+ * then still answer, only slower, and a "search" fails with 1000. */
 bool MigrateIndexSchema(KOLVDB *pConn);
 } // namespace kolv
 

@@ -117,6 +117,8 @@ int KOLVVessaObjectList(TRABSZHASH *pParmHash, KOLV_VESSA_OBJECT **ppHead, unsig
     if ((szVal = TRABCSzHashGetValue(pParmHash, "filter"))) jParm["filter"] = JsonOrText(szVal);
     if ((szVal = TRABCSzHashGetValue(pParmHash, "field"))) jParm["field"] = JsonOrText(szVal);
     if ((szVal = TRABCSzHashGetValue(pParmHash, "after"))) jParm["after"] = JsonOrText(szVal);
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "search"))) jParm["search"] = szVal;
+    if ((szVal = TRABCSzHashGetValue(pParmHash, "order"))) jParm["order"] = szVal;
     if ((szVal = TRABCSzHashGetValue(pParmHash, "offset"))) jParm["offset"] = DecimalOrText(szVal);
     if ((szVal = TRABCSzHashGetValue(pParmHash, "limit"))) jParm["limit"] = DecimalOrText(szVal);
     return KOLVVessaObjectList(jParm, ppHead, total);
@@ -150,6 +152,8 @@ void LastOfFullParts(int limit, const KOLV_VESSA_OBJECT *pHead, std::vector<cons
 
 Json::Value KOLVVessaObjectListNext(const Json::Value &jParm, const KOLV_VESSA_OBJECT *pHead) {
     return KOLV_NO_THROW_AS(Json::Value(), 1007, "list cursor", [&]() -> Json::Value {
+        // The cursor follows the usual order only: pages by rank go by offset.
+        if (jParm.isMember("order")) return Json::Value();
         int limit = jParm.isMember("limit") && jParm["limit"].isIntegral() ? jParm["limit"].asInt() : -1;
         std::vector<const KOLV_VESSA_OBJECT *> vLast;
         LastOfFullParts(limit, pHead, vLast);

@@ -462,6 +462,102 @@ TEST_F(ListTest, AnOldTableGetsTheListingIndexesOnFirstUse) {
     EXPECT_EQ("3000|1500", kolvtest::Psql("SELECT count(*), count(*) FILTER (WHERE owner = 1101) FROM object;"));
 }
 
+// "search": every word a prefix of a word of a string value of text or
+// meta text, at any depth; in both parts of a listing, with the filters,
+// the sharing rules and paging; best first by rank; the corpus searched
+// as words, never as syntax; a set rewrites the words at once.
+TEST_F(ListTest, SearchFindsAllWordsAsPrefixesInVisibleObjectsOnly) {
+    Rows rows;
+    rows.Add("a1", kAlice, 50)
+        ->set_text(kolvtest::ParseJson(R"({"title":"Quarterly Report","body":{"d":["Budget \u00fcberblick"]}})"));
+    rows.Add("a2", kAlice, 40)->set_text(kolvtest::ParseJson(R"({"title":"quarterly plan plan plan"})"));
+    rows.Add("a3", kAlice, 30, Acl("ro"))->set_text(kolvtest::ParseJson(R"({"budget":"plan"})"));
+    rows.Add("b1", kBob, 60)->set_text(kolvtest::ParseJson(R"({"title":"quarterly budget plan"})"));
+    rows.Add("b2", kBob, 20, Acl("ro"))->set_text(kolvtest::ParseJson(R"({"title":"quarterly plan"})"));
+    rows.Add("b3", kBob, 10, Acl("rw"))->set_text(kolvtest::ParseJson(R"({"title":"quarterly"})"));
+    rows.Add("c1", kCarol, 70, Acl("rw"))->set_text(kolvtest::ParseJson(R"({"title":"quarterly plan"})"));
+    KOLV_VESSA_OBJECT *a4 = rows.Add("a4", kAlice, 5);
+    a4->set_text(kolvtest::ParseJson(R"({"n":1})"));
+    a4->set_metatext(kolvtest::ParseJson(R"({"tag":["ÉTÉ finance"]})"));
+    ASSERT_TRUE(rows.Index()) << kolvtest::StackText();
+    auto Search = [](unsigned requester, const char *szWords, const char *szExtra = "{}") {
+        Json::Value jParm = kolvtest::ParseJson(szExtra);
+        jParm["ns"] = "note";
+        jParm["requester"] = requester;
+        jParm["search"] = szWords;
+        return List(jParm);
+    };
+    EXPECT_EQ("a1/owner", Search(kAlice, "quarterly BUDGET überblick"));
+    EXPECT_EQ("a1/owner", Search(kAlice, "quart rep \"budg\""));
+    // Member names are not words; meta text is searched.
+    EXPECT_EQ("a1/owner", Search(kAlice, "budget"));
+    EXPECT_EQ("a4/owner", Search(kAlice, "été fin"));
+    EXPECT_EQ("", Search(kAlice, "title"));
+    // Bob's private b1 and expired carol's c1 are never found.
+    EXPECT_EQ("a1/owner,a2/owner,b2/ro,b3/rw", Search(kAlice, "quarterly"));
+    EXPECT_EQ("b2/ro", Search(kAlice, "quarterly", R"({"filter":{"owner":"bob"},"limit":1})"));
+    EXPECT_EQ("a2/owner,b3/rw", Search(kAlice, "q", R"({"offset":1,"limit":1})"));
+    EXPECT_EQ("a2/owner", Search(kAlice, "q", R"({"filter":{"text":{"title":"quarterly plan plan plan"}}})"));
+    EXPECT_EQ("c1/rw,b1/rw,a2/rw,a3/rw,b2/rw", Search(0, "plan"));
+    // Best first (three "plan" before one), ties newest first; paged.
+    EXPECT_EQ("a2/owner,a3/owner,b2/ro", Search(kAlice, "plan", R"({"order":"rank"})"));
+    EXPECT_EQ("c1/rw,b1/rw,a3/rw,b2/rw", Search(0, "plan", R"({"order":"rank","offset":1})"));
+    EXPECT_EQ("a3/owner", Search(kAlice, "plan", R"({"order":"rank","offset":1,"limit":1})"));
+    // No word at all: no filter.
+    EXPECT_EQ(List(Request(kAlice)), Search(kAlice, " -- & | ! :* "));
+    EXPECT_FAILS("ERR" != Search(kAlice, "plan", R"({"order":"rank","after":{"mtime":1,"id":"x"}})"), 1007,
+                 "blRank && jParm.isMember(\"after\")");
+    EXPECT_FAILS("ERR" != Search(kAlice, "plan", R"({"order":"mtime"})"), 1007,
+                 "blRank && jParm[\"order\"] != \"rank\"");
+    Json::Value jParm = Request(kAlice);
+    jParm["search"] = 5;
+    EXPECT_FAILS("ERR" != List(jParm), 1007, "!jParm[\"search\"].isString()");
+
+    // Words of the corpus in alice's objects, and in a private one of bob:
+    // each found as data, with the server reading backslashes the old way.
+    KOLVDB *pConn = KOLVVessaOpenConn();
+    ASSERT_NE(nullptr, pConn) << kolvtest::StackText();
+    ASSERT_EQ(0, KOLVDBExecute(pConn, "SET standard_conforming_strings = off", NULL));
+    Rows corpus;
+    int i = 0;
+    for (const char *szNasty : kolvtest::kSqlInjectionCorpus) {
+        Json::Value jText;
+        jText["t"] = std::string("zz") + szNasty;
+        corpus.Add("n" + std::to_string(i), kAlice, 100 + i, Acl(nullptr))->set_text(jText);
+        corpus.Add("bob" + std::to_string(i++), kBob, 100, Acl(nullptr))->set_text(jText);
+    }
+    ASSERT_TRUE(corpus.Index()) << kolvtest::StackText();
+    i = 0;
+    for (const char *szNasty : kolvtest::kSqlInjectionCorpus) {
+        Json::Value jSearch = Request(kAlice);
+        jSearch["search"] = std::string("zz") + szNasty;
+        jSearch["order"] = "rank";
+        std::string strListed = List(jSearch);
+        EXPECT_NE(std::string::npos, strListed.find("n" + std::to_string(i++) + "/owner")) << szNasty;
+        EXPECT_EQ(std::string::npos, strListed.find("bob")) << szNasty;
+    }
+    const size_t cValues = sizeof(kolvtest::kSqlInjectionCorpus) / sizeof(kolvtest::kSqlInjectionCorpus[0]);
+    EXPECT_EQ(std::to_string(8 + 2 * cValues), kolvtest::Psql("SELECT count(*) FROM object;"));
+    EXPECT_EQ("0", kolvtest::Psql("SELECT count(*) FROM pg_tables WHERE tablename = 'pwned';"));
+    ASSERT_EQ(0, KOLVDBExecute(pConn, "SET standard_conforming_strings = on", NULL));
+
+    // A set: the new words are found at once, the old ones no more.
+    Json::Value jCreate = Request(kAlice);
+    jCreate["category"] = "memo";
+    jCreate["text"]["title"] = "zebra crossing";
+    KOLV_VESSA_OBJECT obj;
+    ASSERT_TRUE(obj.Create(jCreate)) << kolvtest::StackText();
+    EXPECT_EQ(obj.get_id() + "/owner", Search(kAlice, "zebra"));
+    Json::Value jSet = Request(kAlice);
+    jSet["id"] = obj.get_id();
+    jSet["version"] = obj.get_version();
+    jSet["text"]["title"] = "okapi";
+    KOLV_VESSA_OBJECT objSet;
+    ASSERT_TRUE(objSet.Set(jSet)) << kolvtest::StackText();
+    EXPECT_EQ("", Search(kAlice, "zebra"));
+    EXPECT_EQ(obj.get_id() + "/owner", Search(kAlice, "okap"));
+}
+
 TEST_F(ListTest, FrontEndRefusesMalformedRequests) {
     const char *szHead = "!jParm.isMember(\"ns\") || !jParm[\"ns\"].isString() || !jParm.isMember(\"requester\") || "
                          "!jParm[\"requester\"].isIntegral()";

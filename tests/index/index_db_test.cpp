@@ -40,12 +40,13 @@ TEST_F(IndexDbTest, FirstUseCreatesTheSchemaLiteralsHoldAnyValueResultsReadBack)
     KOLVVessaCloseConn();
     EXPECT_EQ(pConn, KOLVVessaOpenConn());
 
-    EXPECT_EQ("acl_idx,category_idx,id_idx,mtime_idx,ns_idx,object_pkey,owner_idx,parent_id_idx",
+    EXPECT_EQ("acl_idx,category_idx,id_idx,mtime_idx,ns_idx,object_ns_owner_order_idx,object_ns_shared_order_idx,"
+              "object_pkey,object_search_idx,owner_idx,parent_id_idx",
               kolvtest::Psql("SELECT string_agg(indexname, ',' ORDER BY indexname) FROM pg_indexes "
                              "WHERE tablename='object';"));
     EXPECT_EQ("id:text,ns:text,owner:bigint,category:text,parent_id:text,version:text,commit_msg:json,acl:json,"
               "text:json,metatext:json,binary_info:json,metabinary_info:json,ctime:integer,mtime:integer,"
-              "extra_info:json",
+              "extra_info:json,search:tsvector",
               kolvtest::Psql("SELECT string_agg(column_name || ':' || data_type, ',' ORDER BY ordinal_position) "
                              "FROM information_schema.columns WHERE table_name='object';"));
 
