@@ -49,8 +49,10 @@ std::string UrlEscape(const std::string &str) {
     return strOut;
 }
 
-/* The download program's path: the API's own folder. */
-std::string DownloadPath(const char *szScriptName) {
+/* The download program's path: as the server names it, or the API's own
+ * folder. */
+std::string DownloadPath(const char *szDownloadUrl, const char *szScriptName) {
+    if (szDownloadUrl && *szDownloadUrl) return szDownloadUrl;
     std::string str = szScriptName ? szScriptName : "";
     size_t slash = str.rfind('/');
     return (std::string::npos == slash ? std::string() : str.substr(0, slash)) + "/kolvvessa-download.cgi";
@@ -106,9 +108,9 @@ Refusal ReadJsonBody(const char *szContentLength, FILE *pIn, Json::Value &jReq) 
     return Refusal();
 }
 
-void AddDownloadLinks(const char *szScriptName, Json::Value &jOut) {
+void AddDownloadLinks(const char *szDownloadUrl, const char *szScriptName, Json::Value &jOut) {
     if (!jOut.isObject()) return;
-    std::string strBase = DownloadPath(szScriptName);
+    std::string strBase = DownloadPath(szDownloadUrl, szScriptName);
     // The answers are the tool's: a record, or records one level down in
     // an array ("objects", "versions").
     LinkRecord(strBase, jOut);

@@ -24,9 +24,10 @@ const int kMaxDepth = 64;
 Refusal ReadJsonBody(const char *szContentLength, FILE *pIn, Json::Value &jReq);
 
 /* Adds "download" {"binary": {name: url}, "metabinary": {...}} to every
- * object or version record of the answer that has binary files; the urls
- * name the download program beside this one (taken from szScriptName). */
-void AddDownloadLinks(const char *szScriptName, Json::Value &jOut);
+ * object or version record of the answer that has binary files. The urls
+ * start with szDownloadUrl when given (the server's KOLV_DOWNLOAD_URL),
+ * else name kolvvessa-download.cgi beside this program (szScriptName). */
+void AddDownloadLinks(const char *szDownloadUrl, const char *szScriptName, Json::Value &jOut);
 
 } // namespace kolvcgi
 

@@ -5,7 +5,8 @@
  * The web server authenticates the user (REMOTE_USER), who is the
  * requester of every call: a "requester" in the body is replaced. The
  * answer is the verb's JSON as the tool prints it, with links to the
- * download program for every binary file; a failure is an HTTP status that
+ * download program (KOLV_DOWNLOAD_URL, when the server sets it) for every
+ * binary file; a failure is an HTTP status that
  * fits the error code and the error stack's message.
  */
 #include <stdio.h>
@@ -69,7 +70,7 @@ int Serve() {
         int code = KOLVVessaErrCodeGet();
         return Refuse({kolvcgi::StatusForCode(code), code, OriginMsg()});
     }
-    kolvcgi::AddDownloadLinks(getenv("SCRIPT_NAME"), jOut);
+    kolvcgi::AddDownloadLinks(getenv("KOLV_DOWNLOAD_URL"), getenv("SCRIPT_NAME"), jOut);
     PrintAnswer(jOut);
     return 0;
 }
