@@ -1,5 +1,7 @@
 // Listing at scale: N index rows (default 100,000) of ten owners, about a
 // quarter of them shared with the requester, filled by the server itself.
+// Searches (the words of "title N" and a one-letter tag) are timed beside
+// the same full-text statement sent raw.
 // Each listing is timed beside its floor: one statement that returns the
 // same rows under the same visibility rules, (own ... LIMIT 50) UNION ALL
 // (shared ... LIMIT 50); the ids of both are compared once before timing,
@@ -11,6 +13,7 @@
 // profiler to look at.
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 #include <algorithm>
@@ -111,6 +114,18 @@ std::string FloorSql(const std::string &strExtra, int offset) {
            szOrder + strPage;
 }
 
+// The floor of a search: the words as prefix terms, newest first or best
+// first.
+std::string SearchFloorSql(const std::string &strTsquery, bool blRank) {
+    std::string strQuery = "to_tsquery('simple', '" + strTsquery + "')";
+    std::string strSql = FloorSql(" AND search @@ " + strQuery, 0);
+    if (!blRank) return strSql;
+    std::string strRankOrder = " ORDER BY ts_rank(search, " + strQuery + ") DESC, mtime DESC, id COLLATE \"C\" DESC ";
+    for (size_t pos = 0; std::string::npos != (pos = strSql.find(szOrder, pos)); pos += strRankOrder.size())
+        strSql.replace(pos, strlen(szOrder), strRankOrder);
+    return strSql;
+}
+
 std::vector<std::string> SubjectIds(const Json::Value &jParm) {
     std::vector<std::string> v;
     KOLV_VESSA_OBJECT *pHead = NULL;
@@ -170,6 +185,23 @@ void BenchList(KOLVDB *pConn, int nRows) {
     Json::Value jFilter = jParm;
     jFilter["filter"]["text"]["tag"] = "3"; // one row in sixteen
     Compare(pConn, "list " + strN + " text filter", jFilter, FloorSql(" AND (text->>'tag')='3'", 0));
+
+    const struct {
+        const char *szName, *szSearch, *szTsquery;
+        bool blRank;
+    } rgSearches[] = {
+        {"search every row", "title", "title:*", false},
+        {"search 1 in 9", "3", "3:*", false},
+        {"search 2 words", "Title 77", "title:* & 77:*", false},
+        {"search 2 words rank", "Title 77", "title:* & 77:*", true},
+        {"search 11 rows", "43210", "43210:*", false},
+    };
+    for (const auto &c : rgSearches) {
+        Json::Value jSearch = jParm;
+        jSearch["search"] = c.szSearch;
+        if (c.blRank) jSearch["order"] = "rank";
+        Compare(pConn, c.szName, jSearch, SearchFloorSql(c.szTsquery, c.blRank));
+    }
 
     Json::Value jOffset = jParm;
     jOffset["offset"] = 5000;

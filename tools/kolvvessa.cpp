@@ -90,17 +90,30 @@ bool ReadCheckSwitches(int &argi, int argc, char **argv, Json::Value &jSwitches)
     return true;
 }
 
-// The verb's switch, when given, comes before the request: "--NAME" sets
-// "NAME": true. Anything else starting with "--" is a usage error.
-bool ReadSwitch(const kolvtool::Verb &verb, int &argi, int argc, char **argv, bool &blSwitch) {
+// Switches with a value: "--NAME VALUE" sets "NAME": "VALUE" in the
+// request of that verb.
+bool TakesValue(const kolvtool::Verb &verb, const char *szName) {
+    return !strcmp(verb.szName, "list") && !strcmp(szName, "search");
+}
+
+// The verb's switches, when given, come before the request: "--NAME" sets
+// "NAME": true (once), a switch with a value its value. Anything else
+// starting with "--" is a usage error.
+bool ReadSwitch(const kolvtool::Verb &verb, int &argi, int argc, char **argv, bool &blSwitch, Json::Value &jSwitches) {
     blSwitch = false;
-    if (argi >= argc || strncmp(argv[argi], "--", 2) != 0) return true;
-    if (!verb.szSwitch || strcmp(argv[argi] + 2, verb.szSwitch) != 0) {
-        fprintf(stderr, "kolvvessa: %s takes no switch \"%s\"\n", verb.szName, argv[argi]);
-        return false;
+    for (; argi < argc && strncmp(argv[argi], "--", 2) == 0; ++argi) {
+        const char *szName = argv[argi] + 2;
+        if (TakesValue(verb, szName) && argi + 1 < argc) {
+            jSwitches[szName] = argv[++argi];
+            continue;
+        }
+        if (blSwitch || !verb.szSwitch || strcmp(szName, verb.szSwitch) != 0) {
+            fprintf(stderr, "kolvvessa: %s takes no switch \"%s\"%s\n", verb.szName, argv[argi],
+                    TakesValue(verb, szName) ? " without its value" : "");
+            return false;
+        }
+        blSwitch = true;
     }
-    blSwitch = true;
-    ++argi;
     return true;
 }
 
@@ -176,7 +189,7 @@ int main(int argc, char **argv) {
     bool blSwitch = false;
     Json::Value jSwitches(Json::objectValue);
     if (IsCheck(*pVerb) ? !ReadCheckSwitches(argi, argc, argv, jSwitches)
-                        : !ReadSwitch(*pVerb, argi, argc, argv, blSwitch))
+                        : !ReadSwitch(*pVerb, argi, argc, argv, blSwitch, jSwitches))
         return 2;
     // The check's switches say it all: without a request it reads none.
     Json::Value jReq(Json::objectValue);

@@ -155,7 +155,10 @@ const std::vector<Verb> gVerbs = {
     {"list", "list objects from the index: own first, then shared ones",
      "Keys: \"ns\" (\"*\" for every namespace, requester 0 only), \"requester\"; \"filter\"\n"
      "{\"owner\" (user name), \"owner_uid\", \"parent_id\", \"category\", \"text\", \"metatext\", \"binary\",\n"
-     "\"metabinary\"}, \"field\" (JSON columns to read), \"offset\" (default 0), \"limit\" (default -1: all).",
+     "\"metabinary\"}, \"field\" (JSON columns to read), \"offset\" (default 0), \"limit\" (default -1: all),\n"
+     "\"after\" (the \"next\" of the page before), \"search\" (words that string values of text or meta\n"
+     "text must hold, each as a word or a word's start; also --search WORDS), \"order\": \"rank\" (best\n"
+     "matches first; paged by offset only).",
      "{\"ns\":\"note\",\"requester\":1102,\"field\":{\"text\":true}}", RunList, NULL, true},
     {"versions", "a page of an object's versions, newest first, with the totals",
      "Keys: \"ns\", \"id\", \"requester\"; \"offset\", \"limit\" (default: all), \"sort_direction\"\n"
