@@ -11,6 +11,8 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "kolvplatform/kolv_platform.h"
 
@@ -23,6 +25,10 @@ struct _tag_kolv_db_ {
 
 struct _tag_kolv_db_result_ {
     PGresult *pRes;
+    /* Column numbers by name, filled as callers ask: a listing asks for
+     * the same dozen columns of every row, and libpq looks a name up by
+     * copying and folding it each time. */
+    std::vector<std::pair<std::string, int>> vColumns;
 };
 
 namespace {
@@ -160,8 +166,22 @@ int KOLVDBFetchRow(KOLVDBRESULT *pResult, int *pRow) {
 
 const char *KOLVDBFetchField(KOLVDBRESULT *pResult, int row, const char *szColumn) {
     if (!pResult || !szColumn || row < 0 || row >= PQntuples(pResult->pRes)) return NULL;
-    int col = PQfnumber(pResult->pRes, szColumn);
-    if (col < 0) return NULL;
+    int col = -1;
+    for (const auto &column : pResult->vColumns) {
+        if (column.first == szColumn) {
+            col = column.second;
+            break;
+        }
+    }
+    if (col < 0) {
+        col = PQfnumber(pResult->pRes, szColumn);
+        if (col < 0) return NULL;
+        try {
+            pResult->vColumns.emplace_back(szColumn, col);
+        } catch (const std::bad_alloc &) {
+            // Not kept: the next call looks it up again.
+        }
+    }
     // PQgetvalue gives "" for SQL NULL.
     return PQgetvalue(pResult->pRes, row, col);
 }
