@@ -34,6 +34,17 @@ void PinLibgit2() {
     (void)s_pinned;
 }
 
+/* The field table, parsed once for the process; read-only afterwards, so
+ * backends on any thread share it. */
+const Json::Value &FieldTable() {
+    static const Json::Value s_jTable = [] {
+        Json::Value j;
+        kolv::JsonFromString(j, gszKOLVVES_OBJ_FIELD);
+        return j;
+    }();
+    return s_jTable;
+}
+
 /* Whether the folder open at fdDir is the one at strPath now. */
 bool IsFolderAt(int fdDir, const std::string &strPath) {
     struct stat stOpen, stNow;
@@ -48,10 +59,9 @@ std::string kolv::HiddenBeside(const std::string &strFinal) {
     return strFinal.substr(0, slash + 1) + "." + strFinal.substr(slash + 1) + "." + kolv::fs::RandomName(8);
 }
 
-KOLVVESSA_BACKEND_FS::KOLVVESSA_BACKEND_FS() {
+KOLVVESSA_BACKEND_FS::KOLVVESSA_BACKEND_FS() : m_jFieldTable(FieldTable()) {
     PinLibgit2();
     git_libgit2_init();
-    kolv::JsonFromString(m_jFieldTable, gszKOLVVES_OBJ_FIELD);
 }
 
 KOLVVESSA_BACKEND_FS::~KOLVVESSA_BACKEND_FS() {

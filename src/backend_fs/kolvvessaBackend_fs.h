@@ -152,7 +152,7 @@ class KOLVVESSA_BACKEND_FS : public KOLVVESSA_BACKEND_OP {
 
     Json::Value m_jParm;
     Json::Value m_jPathInfo;
-    Json::Value m_jFieldTable;
+    const Json::Value &m_jFieldTable;
 };
 
 namespace kolv {

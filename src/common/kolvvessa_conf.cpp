@@ -2,15 +2,22 @@
  * The settings file: the store's master switch, one switch per namespace,
  * and per-owner withdrawal of sharing. Access is opt-in (a missing key
  * means disabled), sharing is opt-out (a missing key means allowed). The
- * file is read whole on every call; nothing is cached.
+ * readers share one parsed copy of the file, kept under a lock for as long
+ * as its identity, size and modification time stay the same; the setters
+ * always read the file itself.
  */
 #include <limits.h>
 #include <stdio.h>
+#include <sys/stat.h>
+#include <time.h>
 
+#include <memory>
+#include <mutex>
 #include <string>
 
 #include "common/kolvvessa_fail.h"
 #include "common/kolvvessa_json_internal.h"
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_conf.h"
 
 using kolv::KolvJson;
@@ -36,6 +43,80 @@ std::string ConfPath() {
 
 namespace {
 
+/* What tells one state of the file from another. */
+struct FileStamp {
+    std::string strPath;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    struct timespec mtim = {0, 0};
+
+    bool operator==(const FileStamp &o) const {
+        return strPath == o.strPath && dev == o.dev && ino == o.ino && size == o.size && mtim.tv_sec == o.mtim.tv_sec &&
+               mtim.tv_nsec == o.mtim.tv_nsec;
+    }
+};
+
+// A file changed this recently may change again within the same tick of
+// the file system's clock, keeping its stamp: such a state is read anew.
+constexpr time_t kSettleSeconds = 2;
+
+std::mutex gConfLock;
+FileStamp gConfStamp;
+std::shared_ptr<const Json::Value> gpConf; // null: nothing kept
+
+bool StampOf(const std::string &strPath, FileStamp &stamp) {
+    struct stat st;
+    if (!kolv::fs::Lstat(strPath, st) || !S_ISREG(st.st_mode)) return false;
+    stamp.strPath = strPath;
+    stamp.dev = st.st_dev;
+    stamp.ino = st.st_ino;
+    stamp.size = st.st_size;
+    stamp.mtim = st.st_mtim;
+    return true;
+}
+
+bool Settled(const FileStamp &stamp, const struct timespec &now) {
+    return stamp.mtim.tv_sec + kSettleSeconds < now.tv_sec;
+}
+
+std::shared_ptr<const Json::Value> ParseConf(const std::string &strPath) {
+    auto pConf = std::make_shared<kolv::KolvJson>();
+    if (!pConf->fromFile(strPath)) return nullptr;
+    return pConf;
+}
+
+/* The parsed settings file, null when it cannot be read or parsed. A file
+ * that cannot be looked at is read as before, uncached. */
+std::shared_ptr<const Json::Value> LoadConf(const std::string &strPath) {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    FileStamp stamp;
+    if (!StampOf(strPath, stamp)) return ParseConf(strPath);
+    {
+        std::lock_guard<std::mutex> guard(gConfLock);
+        if (gpConf && gConfStamp == stamp) return gpConf;
+    }
+    std::shared_ptr<const Json::Value> pConf = ParseConf(strPath);
+    std::lock_guard<std::mutex> guard(gConfLock);
+    gpConf = pConf && Settled(stamp, now) ? pConf : nullptr;
+    gConfStamp = stamp;
+    return pConf;
+}
+
+/* The readers' view of the settings file: fromFile gives the shared copy. */
+class ConfReader {
+  public:
+    bool fromFile(const std::string &strPath) {
+        m_pConf = LoadConf(strPath);
+        return nullptr != m_pConf;
+    }
+    operator const Json::Value &() const { return *m_pConf; }
+
+  private:
+    std::shared_ptr<const Json::Value> m_pConf;
+};
+
 std::string NsKey(const char *szFmt, const char *szNameSpace) {
     char szKey[kKeyMax];
     snprintf(szKey, sizeof(szKey), szFmt, szNameSpace);
@@ -44,7 +125,7 @@ std::string NsKey(const char *szFmt, const char *szNameSpace) {
 
 // Reads the settings file for the strict readers: 1027 when it is absent,
 // 1026 when it does not parse.
-bool ReadConfStrict(KolvJson &jConf) {
+bool ReadConfStrict(ConfReader &jConf) {
     if (KOLV_FAIL_IF(1027, FALSE == TRABCFileExist(SZF_KOLVVESSA_CONF_PATH))) return false;
     if (KOLV_FAIL_IF(1026, !jConf.fromFile(SZF_KOLVVESSA_CONF_PATH))) return false;
     return true;
@@ -124,13 +205,13 @@ BOOL KOLVVessaSettingsAccessGetEx(const Json::Value &jConf, const char *szNameSp
 }
 
 BOOL KOLVVessaSettingsAccessGet(const char *szNameSpace) {
-    KolvJson jConf;
+    ConfReader jConf;
     if (!ReadConfStrict(jConf)) return FALSE;
     return KOLVVessaSettingsAccessGetEx(jConf, szNameSpace);
 }
 
 BOOL KOLVVessaAccessCheck(const char *szNameSpace) {
-    KolvJson jConf;
+    ConfReader jConf;
     if (!ReadConfStrict(jConf)) return FALSE;
     if (KOLV_APPEND_IF(FALSE == KOLVVessaSettingsAccessGetEx(jConf, NULL))) return FALSE;
     if (szNameSpace && KOLV_APPEND_IF(FALSE == KOLVVessaSettingsAccessGetEx(jConf, szNameSpace))) return FALSE;
@@ -164,14 +245,14 @@ BOOL KOLVVessaSettingsSharingGetEx(const Json::Value &jConf, const char *szNameS
 
 BOOL KOLVVessaSettingsSharingGet(const char *szNameSpace, uid_t owner) {
     // Deliberately lenient: a missing or unreadable file withdraws nothing.
-    KolvJson jConf;
+    ConfReader jConf;
     if (!TRABCFileExist(SZF_KOLVVESSA_CONF_PATH)) return TRUE;
     if (!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)) return TRUE;
     return KOLVVessaSettingsSharingGetEx(jConf, szNameSpace, owner);
 }
 
 BOOL KOLVVessaSharingCheck(const char *szNameSpace, uid_t owner) {
-    KolvJson jConf;
+    ConfReader jConf;
     if (!TRABCFileExist(SZF_KOLVVESSA_CONF_PATH)) return TRUE;
     if (KOLV_FAIL_IF(1026, !jConf.fromFile(SZF_KOLVVESSA_CONF_PATH))) return FALSE;
     if (KOLV_APPEND_IF(FALSE == KOLVVessaSettingsSharingGetEx(jConf, NULL, owner))) return FALSE;
@@ -190,13 +271,9 @@ int KOLVVessaSettingsSharingSet(const char *szNameSpace, uid_t owner, int enable
     return WriteConf(jConf);
 }
 
-int KOLVVessaSettingsNoSharingUserList(const char *szNameSpace, TRABCSzList **ppList) {
-    if (KOLV_FAIL_IF(1015, NULL == szNameSpace)) return -1;
-    if (KOLV_FAIL_IF(1015, NULL == ppList || NULL == *ppList)) return -1;
+namespace {
 
-    KolvJson jConf;
-    if (!TRABCFileExist(SZF_KOLVVESSA_CONF_PATH)) return 0;
-    if (KOLV_FAIL_IF(1026, !jConf.fromFile(SZF_KOLVVESSA_CONF_PATH))) return -1;
+int NoSharingUsers(const Json::Value &jConf, const char *szNameSpace, TRABCSzList **ppList) {
     if (KOLV_FAIL_IF(1026, !jConf.isObject())) return -1;
     if (!jConf.isMember("Sharing")) return 0;
     if (KOLV_FAIL_IF(1026, !jConf["Sharing"].isObject())) return -1;
@@ -208,6 +285,18 @@ int KOLVVessaSettingsNoSharingUserList(const char *szNameSpace, TRABCSzList **pp
         if (KOLV_FAIL_IF(1014, TRABCSzListPush(ppList, strUid.c_str()) < 0)) return -1;
     }
     return 0;
+}
+
+} // namespace
+
+int KOLVVessaSettingsNoSharingUserList(const char *szNameSpace, TRABCSzList **ppList) {
+    if (KOLV_FAIL_IF(1015, NULL == szNameSpace)) return -1;
+    if (KOLV_FAIL_IF(1015, NULL == ppList || NULL == *ppList)) return -1;
+
+    ConfReader jConf;
+    if (!TRABCFileExist(SZF_KOLVVESSA_CONF_PATH)) return 0;
+    if (KOLV_FAIL_IF(1026, !jConf.fromFile(SZF_KOLVVESSA_CONF_PATH))) return -1;
+    return NoSharingUsers(jConf, szNameSpace, ppList);
 }
 
 int KOLVVessaVersionGet(void) {

@@ -3,6 +3,7 @@
  * the no-sharing list, against real files under a temporary sysroot.
  */
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <string>
@@ -52,6 +53,32 @@ TEST_F(ConfTest, MissingFileDisablesAccessACorruptOneFailsChecks) {
     EXPECT_TRUE(KOLVVessaSettingsSharingGet("note", kAlice)); // the lenient getter
     EXPECT_EQ("FAILED", NoSharing("note"));
     EXPECT_EQ(1026, KOLVVessaErrCodeGet());
+}
+
+TEST_F(ConfTest, ReadersSeeEveryRewriteOfTheFile) {
+    // In place, the same size, the same inode, within one second.
+    kolvtest::WriteFile(ConfPath(), R"({"Access":{"enable":true ,"enable_ns_note":true}})");
+    EXPECT_TRUE(KOLVVessaAccessCheck("note"));
+    kolvtest::WriteFile(ConfPath(), R"({"Access":{"enable":false,"enable_ns_note":true}})");
+    EXPECT_FAILS(KOLVVessaAccessCheck("note"), 1027, "!jConf[\"Access\"][\"enable\"].asBool()");
+
+    // A settled file is kept; a rewrite that moves its time by one
+    // nanosecond only is still seen, and so is a corrupt one.
+    auto Age = [&](long nsec) {
+        struct timespec times[2] = {{1000000000, nsec}, {1000000000, nsec}};
+        ASSERT_EQ(0, utimensat(AT_FDCWD, ConfPath().c_str(), times, 0));
+    };
+    kolvtest::WriteFile(ConfPath(), R"({"Access":{"enable":true ,"enable_ns_note":true}})");
+    Age(0);
+    EXPECT_TRUE(KOLVVessaAccessCheck("note"));
+    EXPECT_TRUE(KOLVVessaAccessCheck("note"));
+    kolvtest::WriteFile(ConfPath(), R"({"Access":{"enable":false,"enable_ns_note":true}})");
+    Age(1);
+    EXPECT_FAILS(KOLVVessaAccessCheck("note"), 1027, "!jConf[\"Access\"][\"enable\"].asBool()");
+    kolvtest::WriteFile(ConfPath(), R"({"Access":{"enable":false,"enable_ns_note":trux}})");
+    Age(2);
+    EXPECT_FAILS(KOLVVessaAccessCheck("note"), 1026, "!jConf.fromFile(SZF_KOLVVESSA_CONF_PATH)");
+    EXPECT_TRUE(KOLVVessaSettingsSharingGet("note", kAlice));
 }
 
 TEST_F(ConfTest, AccessNeedsMasterAndNamespaceSwitchesOfTheRightType) {
