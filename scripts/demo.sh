@@ -137,6 +137,9 @@ step "rebuild the index from the repository and list again"
 kv reindex '{"ns":"note"}' | jq -c .
 kv list '{"ns":"note","requester":1101}' | jq -c ".count"
 
+step "check the repository against the index: nothing to find, exit status 0"
+kv check | jq -c '{checked, by_kind, remaining}'
+
 step "alice deletes the notebook with everything below it; bob's note stays"
 kv delete --recursive "{\"ns\":\"note\",\"id\":\"$book_id\",\"requester\":1101}" | jq -c '{deleted: (.deleted[0:10] + "..."), recursive}'
 kv list '{"ns":"note","requester":0}' | jq -c ".count, (.objects[] | $brief)"
