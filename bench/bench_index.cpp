@@ -472,7 +472,6 @@ int main(int argc, char **argv) {
 
     git_libgit2_shutdown();
     KOLVDBClose(pConn);
-    if (getenv("KEEP")) return 0;
     std::string strCmd = "rm -rf " + strRoot;
     if (system(strCmd.c_str()) != 0) fprintf(stderr, "cannot remove %s\n", strRoot.c_str());
     return 0;
