@@ -471,7 +471,6 @@ int main(int argc, char **argv) {
     BenchGet("get older version", rounds, strA, strB, strFirstA, strFirstB);
 
     git_libgit2_shutdown();
-    KOLVDBClose(pConn);
     std::string strCmd = "rm -rf " + strRoot;
     if (system(strCmd.c_str()) != 0) fprintf(stderr, "cannot remove %s\n", strRoot.c_str());
     return 0;
