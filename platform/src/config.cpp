@@ -8,6 +8,7 @@
 #include <errno.h>
 #include <limits.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <fstream>
 #include <mutex>
@@ -61,6 +62,10 @@ struct FileStamp {
                mtim.tv_nsec == o.mtim.tv_nsec;
     }
 };
+
+// A file changed this recently may change again within the same tick of
+// the file system's clock, keeping its stamp: such a state is read anew.
+constexpr time_t kSettleSeconds = 2;
 
 std::mutex gCacheLock;
 bool gblCached = false;
@@ -140,6 +145,7 @@ PlatformConfig LoadPlatformConfig() {
         if (gblCached && gCachedStamp == stamp) return gCachedConfig;
     }
     PlatformConfig config = ParseConfigFile(szPath);
+    if (stamp.mtim.tv_sec + kSettleSeconds >= time(NULL)) return config;
     std::lock_guard<std::mutex> guard(gCacheLock);
     gblCached = true;
     gCachedStamp = stamp;
