@@ -28,8 +28,6 @@ namespace {
 const char szCannotHistory[] = "none: the history is never rewritten; restore the object's repository from a backup";
 const char szCannotGitInfo[] = "none: git_info.json is the object's own count and is never rewritten";
 
-using Odb = Owned<git_odb, git_odb_free>;
-using OdbObject = Owned<git_odb_object, git_odb_object_free>;
 
 std::string Hex(const git_oid *pOid) {
     char sz[GIT_OID_HEXSZ + 1];
@@ -61,7 +59,7 @@ struct Walk {
         // Reading inflates the object and verifies its hash.
         git_odb_object *pRaw = NULL;
         int ret = git_odb_read(&pRaw, pOdb, pOid);
-        OdbObject pObj(pRaw);
+        GitOdbObject pObj(pRaw);
         if (0 > ret) Problem("blob " + Hex(pOid) + " does not read back");
     }
 
@@ -189,7 +187,7 @@ void CheckRepository(Run &run, const std::string &strNs, const std::string &strI
         run.Add("repo_broken", strNs, strId, strRel, "the object database does not open", szCannotHistory);
         return;
     }
-    Odb pOdb(pRawOdb);
+    GitOdb pOdb(pRawOdb);
     Walk walk;
     walk.pRepo = pRepo.get();
     walk.pOdb = pOdb.get();

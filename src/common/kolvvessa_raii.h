@@ -45,6 +45,8 @@ using GitBranchIterator = Owned<git_branch_iterator, git_branch_iterator_free>;
 using GitObject = Owned<git_object, git_object_free>;
 using GitIndex = Owned<git_index, git_index_free>;
 using GitBlob = Owned<git_blob, git_blob_free>;
+using GitOdb = Owned<git_odb, git_odb_free>;
+using GitOdbObject = Owned<git_odb_object, git_odb_object_free>;
 
 using SzHash = Owned<TRABCSzHash, TRABCSzHashFree>;
 using SzList = Owned<TRABCSzList, TRABCSzListFree>;
