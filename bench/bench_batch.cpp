@@ -30,11 +30,14 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "kolvvessa/kolvvessa.h"
 #include "object/object_batch.h"
 #include "support/kolv_test_support.h"
 
 namespace {
+
+using kolvbench::Median;
 
 using Clock = std::chrono::steady_clock;
 
@@ -64,11 +67,6 @@ double Timed(const std::function<void()> &f, std::vector<double> *pCpu = nullptr
     double ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
     if (pCpu) pCpu->push_back(CpuMs() - cpu0);
     return ms;
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
 }
 
 Json::Value Request(const Json::Value &jIds) {

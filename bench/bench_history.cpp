@@ -37,6 +37,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "backend_fs/kolvvessaBackend_fs.h"
 #include "common/kolvvessa_json_internal.h"
 #include "common/kolvvessa_raii.h"
@@ -46,6 +47,8 @@
 #include "support/kolv_test_support.h"
 
 namespace {
+
+using kolvbench::Median;
 
 using Clock = std::chrono::steady_clock;
 
@@ -69,11 +72,6 @@ double Timed(const std::function<void()> &f) {
     auto t0 = Clock::now();
     f();
     return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
 }
 
 /* Milliseconds of each round, subject and baseline. */

@@ -29,33 +29,24 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "kolvvessa/kolvvessa.h"
 
 namespace {
+
+using kolvbench::Median;
+using kolvbench::Now;
+using kolvbench::UserEntry;
+using kolvbench::WriteText;
 
 const char szNs[] = "note";
 const unsigned kAlice = 1101;
 std::string gstrRepo; // the store, found once the sysroot is made
 
-double Now() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
-}
-
 void Die(const char *szWhat) {
     fprintf(stderr, "%s failed\n", szWhat);
     KOLVVessaErrPrint(stderr);
     exit(1);
-}
-
-void WriteText(const std::string &strPath, const std::string &strText) {
-    std::ofstream(strPath) << strText;
 }
 
 std::string ReadText(const std::string &strPath) {
@@ -65,17 +56,9 @@ std::string ReadText(const std::string &strPath) {
     return ss.str();
 }
 
-// A private sysroot: the homes share, alice, the namespace switched on.
+// Alice alone.
 std::string MakeSysroot() {
-    char szTemplate[] = "/tmp/kolvbench.XXXXXX";
-    std::string strRoot = mkdtemp(szTemplate);
-    setenv("KOLV_SYSROOT", strRoot.c_str(), 1);
-    std::string strCmd = "mkdir -p " + strRoot + "/volume1/homes " + strRoot + "/usr/kolv/etc " + strRoot + "/tmp";
-    if (system(strCmd.c_str()) != 0) exit(1);
-    WriteText(strRoot + "/usr/kolv/etc/platform.conf",
-              R"({"shares":{"homes":"/volume1/homes"},"user_home":{"local":true,"domain":false,"directory":true},)"
-              R"("users":[{"uid":1101,"name":"alice","gid":100,"mail":"a@x","expired":false,"groups":[100]}]})");
-    WriteText(strRoot + "/usr/kolv/etc/kolvvessa.conf", R"({"Access":{"enable":true,"enable_ns_note":true}})");
+    std::string strRoot = kolvbench::MakeSysroot("[" + UserEntry(kAlice, "alice") + "]");
     // Settled, as a settings file is between changes.
     struct timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
     utimensat(AT_FDCWD, (strRoot + "/usr/kolv/etc/kolvvessa.conf").c_str(), times, 0);

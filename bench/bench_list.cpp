@@ -22,49 +22,26 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "kolvvessa/kolvvessa.h"
 
 namespace {
+
+using kolvbench::Median;
+using kolvbench::Now;
+using kolvbench::UserEntry;
 
 const char szNs[] = "note";
 const unsigned kAlice = 1101;
 const int kRounds = 31;
 
-double Now() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
-}
-
-void WriteText(const std::string &strPath, const std::string &strText) {
-    std::ofstream(strPath) << strText;
-}
-
-// A private sysroot: the homes share, ten users (alice in groups 100 and
-// 2001), the namespace switched on.
+// Ten users, alice in groups 100 and 2001.
 std::string MakeSysroot() {
-    char szTemplate[] = "/tmp/kolvbench.XXXXXX";
-    std::string strRoot = mkdtemp(szTemplate);
-    setenv("KOLV_SYSROOT", strRoot.c_str(), 1);
-    std::string strCmd = "mkdir -p " + strRoot + "/volume1/homes " + strRoot + "/usr/kolv/etc " + strRoot + "/tmp";
-    if (system(strCmd.c_str()) != 0) exit(1);
     std::string strUsers;
-    for (unsigned uid = 1101; uid <= 1110; ++uid) {
-        strUsers += std::string(strUsers.empty() ? "" : ",") + "{\"uid\":" + std::to_string(uid) + ",\"name\":\"u" +
-                    std::to_string(uid) + "\",\"gid\":100,\"mail\":\"u@x\",\"expired\":false,\"groups\":[100" +
-                    (uid == kAlice ? ",2001" : "") + "]}";
-    }
-    WriteText(strRoot + "/usr/kolv/etc/platform.conf",
-              R"({"shares":{"homes":"/volume1/homes"},"user_home":{"local":true,"domain":false,"directory":true},)"
-              R"("users":[)" +
-                  strUsers + "]}");
-    WriteText(strRoot + "/usr/kolv/etc/kolvvessa.conf", R"({"Access":{"enable":true,"enable_ns_note":true}})");
-    return strRoot;
+    for (unsigned uid = 1101; uid <= 1110; ++uid)
+        strUsers +=
+            (strUsers.empty() ? "[" : ",") + UserEntry(uid, "u" + std::to_string(uid), uid == kAlice ? ",2001" : "");
+    return kolvbench::MakeSysroot(strUsers + "]");
 }
 
 bool Exec(KOLVDB *pConn, const std::string &strSQL) {

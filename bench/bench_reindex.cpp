@@ -23,43 +23,23 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "index/index_row.h"
 #include "index/index_row_store.h"
 #include "kolvvessa/kolvvessa.h"
 
 namespace {
 
+using kolvbench::Median;
+using kolvbench::Now;
+using kolvbench::UserEntry;
+
 const unsigned kAlice = 1101, kBob = 1102;
 const unsigned kSeeds = 100;
 
-double Now() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
-}
-
-void WriteText(const std::string &strPath, const std::string &strText) {
-    std::ofstream(strPath) << strText;
-}
-
-// A private sysroot: the homes share, two users, the namespace switched on.
+// Alice and bob.
 std::string MakeSysroot() {
-    char szTemplate[] = "/tmp/kolvbench.XXXXXX";
-    std::string strRoot = mkdtemp(szTemplate);
-    setenv("KOLV_SYSROOT", strRoot.c_str(), 1);
-    std::string strCmd = "mkdir -p " + strRoot + "/volume1/homes " + strRoot + "/usr/kolv/etc " + strRoot + "/tmp";
-    if (system(strCmd.c_str()) != 0) exit(1);
-    WriteText(strRoot + "/usr/kolv/etc/platform.conf",
-              R"({"shares":{"homes":"/volume1/homes"},"user_home":{"local":true,"domain":false,"directory":true},)"
-              R"("users":[{"uid":1101,"name":"alice","gid":100,"mail":"a@x","expired":false,"groups":[100]},)"
-              R"({"uid":1102,"name":"bob","gid":100,"mail":"b@x","expired":false,"groups":[100]}]})");
-    WriteText(strRoot + "/usr/kolv/etc/kolvvessa.conf", R"({"Access":{"enable":true,"enable_ns_note":true}})");
-    return strRoot;
+    return kolvbench::MakeSysroot("[" + UserEntry(kAlice, "alice") + "," + UserEntry(kBob, "bob") + "]");
 }
 
 // A seed object: text, meta text, an ACL, two versions.
