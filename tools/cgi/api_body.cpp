@@ -17,14 +17,6 @@ namespace kolvcgi {
 
 namespace {
 
-Refusal BadBody(const std::string &strMsg) {
-    Refusal r;
-    r.status = 400;
-    r.code = 1007;
-    r.strMsg = strMsg;
-    return r;
-}
-
 bool ParseLength(const char *sz, size_t &cb) {
     if (!sz || !*sz) return false;
     char *pEnd = NULL;
@@ -87,9 +79,9 @@ void LinkRecord(const std::string &strBase, Json::Value &jRecord) {
 
 Refusal ReadJsonBody(const char *szContentLength, FILE *pIn, Json::Value &jReq) {
     size_t cb = 0;
-    if (!ParseLength(szContentLength, cb)) return BadBody("the body must have a length of at most 1 MiB");
+    if (!ParseLength(szContentLength, cb)) return BadRequest("the body must have a length of at most 1 MiB");
     std::string strBody(cb, '\0');
-    if (cb && 1 != fread(&strBody[0], cb, 1, pIn)) return BadBody("the body is shorter than its length");
+    if (cb && 1 != fread(&strBody[0], cb, 1, pIn)) return BadRequest("the body is shorter than its length");
     Json::CharReaderBuilder builder;
     builder["stackLimit"] = kMaxDepth;
     builder["failIfExtra"] = true;
@@ -103,8 +95,8 @@ Refusal ReadJsonBody(const char *szContentLength, FILE *pIn, Json::Value &jReq) 
     } catch (const std::exception &e) {
         strErr = e.what();
     }
-    if (!blParsed) return BadBody("the body is not JSON: " + strErr);
-    if (!jReq.isObject()) return BadBody("the body must be a JSON object");
+    if (!blParsed) return BadRequest("the body is not JSON: " + strErr);
+    if (!jReq.isObject()) return BadRequest("the body must be a JSON object");
     return Refusal();
 }
 

@@ -13,14 +13,6 @@ namespace {
 
 const char *const kQueryKeys[] = {"ns", "id", "segment", "field", "format", "version", "mode", "filename"};
 
-Refusal BadRequest(const std::string &strMsg) {
-    Refusal r;
-    r.status = 400;
-    r.code = 1007;
-    r.strMsg = strMsg;
-    return r;
-}
-
 int HexDigit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -56,6 +48,14 @@ bool IsQueryKey(const std::string &strKey) {
 }
 
 } // namespace
+
+Refusal BadRequest(const std::string &strMsg) {
+    Refusal r;
+    r.status = 400;
+    r.code = 1007;
+    r.strMsg = strMsg;
+    return r;
+}
 
 Refusal ParseQuery(const char *szQuery, std::map<std::string, std::string> &mapQuery) {
     std::string strQuery = szQuery ? szQuery : "";

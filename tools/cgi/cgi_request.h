@@ -18,6 +18,9 @@ struct Refusal {
     std::string strMsg;
 };
 
+/* A request the client got wrong: 400 with code 1007. */
+Refusal BadRequest(const std::string &strMsg);
+
 /* Splits and decodes a query string ("a=b&c=d", %XX and '+'). Only the
  * members a download takes are kept; a malformed escape, a NUL byte or a
  * member given twice refuses the request (400). */
