@@ -436,8 +436,13 @@ int main(int argc, char **argv) {
     std::string strFirstA = HeadOf(strA, NULL), strFirstB = HeadOf(strB, NULL);
     BenchSet(pConn, "set text", rounds, strA, strB,
              [](Json::Value &j, int i) { j["text"]["title"] = "changed " + std::to_string(i); });
-    BenchSet(pConn, "set meta text", rounds, strA, strB,
-             [](Json::Value &j, int i) { j["metatext"]["tag"] = "tag " + std::to_string(i); });
+    // A meta text key keeps the first change of a request time: each round
+    // asks a second later than the one before, so that every change lands.
+    const time_t tFirst = time(NULL);
+    BenchSet(pConn, "set meta text", rounds, strA, strB, [tFirst](Json::Value &j, int i) {
+        j["metatext"]["tag"] = "tag " + std::to_string(i);
+        j["mtime"] = (Json::Int64)(tFirst + 1 + i);
+    });
     std::string strBinary = strRoot + "/tmp/attachment";
     chmod(strRoot.c_str(), 0755);
     chmod((strRoot + "/tmp").c_str(), 01777);
