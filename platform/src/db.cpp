@@ -28,7 +28,12 @@ struct _tag_kolv_db_result_ {
     /* Column numbers by name, filled as callers ask: a listing asks for
      * the same dozen columns of every row, and libpq looks a name up by
      * copying and folding it each time. */
-    std::vector<std::pair<std::string, int>> vColumns;
+    struct Column {
+        const char *szAsked; /* the caller's pointer: mostly a literal */
+        std::string strName;
+        int col;
+    };
+    std::vector<Column> vColumns;
 };
 
 namespace {
@@ -164,24 +169,34 @@ int KOLVDBFetchRow(KOLVDBRESULT *pResult, int *pRow) {
     return 0;
 }
 
+namespace {
+
+/* The column's number, -1 for none: the same pointer as an earlier call
+ * first (a literal, mostly; a reused buffer must still hold the same
+ * name), then the same name, then libpq. */
+int ColumnOf(KOLVDBRESULT *pResult, const char *szColumn) {
+    for (const auto &column : pResult->vColumns) {
+        if (column.szAsked == szColumn && 0 == strcmp(column.strName.c_str(), szColumn)) return column.col;
+    }
+    for (const auto &column : pResult->vColumns) {
+        if (column.strName == szColumn) return column.col;
+    }
+    int col = PQfnumber(pResult->pRes, szColumn);
+    if (col < 0) return -1;
+    try {
+        pResult->vColumns.push_back({szColumn, szColumn, col});
+    } catch (const std::bad_alloc &) {
+        // Not kept: the next call looks it up again.
+    }
+    return col;
+}
+
+} // namespace
+
 const char *KOLVDBFetchField(KOLVDBRESULT *pResult, int row, const char *szColumn) {
     if (!pResult || !szColumn || row < 0 || row >= PQntuples(pResult->pRes)) return NULL;
-    int col = -1;
-    for (const auto &column : pResult->vColumns) {
-        if (column.first == szColumn) {
-            col = column.second;
-            break;
-        }
-    }
-    if (col < 0) {
-        col = PQfnumber(pResult->pRes, szColumn);
-        if (col < 0) return NULL;
-        try {
-            pResult->vColumns.emplace_back(szColumn, col);
-        } catch (const std::bad_alloc &) {
-            // Not kept: the next call looks it up again.
-        }
-    }
+    int col = ColumnOf(pResult, szColumn);
+    if (col < 0) return NULL;
     // PQgetvalue gives "" for SQL NULL.
     return PQgetvalue(pResult->pRes, row, col);
 }
