@@ -23,96 +23,88 @@
 
 namespace {
 
-const char szCheckUsage[] = "kolvvessa check [--repair] [--ns NS] [--id ID] [--safe-age SECONDS] [--no-blobs]\n"
-                            "  checks the repository and the index: rows missing, orphaned or drifted, objects\n"
-                            "  a reindex skips, broken histories, JSON files that do not parse, leftovers of\n"
-                            "  interrupted writes, links where the store keeps its own files. --repair re-indexes,\n"
-                            "  deletes orphaned rows and removes leftovers older than the safe age (3600 s);\n"
-                            "  it never changes an object's content, history or meta files. The report is JSON\n"
-                            "  on standard output; exit status 0 when clean, 1 when findings remain, 2 when the\n"
-                            "  check cannot run.";
-
 bool IsCheck(const kolvtool::Verb &verb) {
     return !strcmp(verb.szName, "check");
 }
 
+// " [--NAME VALUE]…" of a verb's switches.
+std::string SwitchUsage(const kolvtool::Verb &verb) {
+    std::string str;
+    for (const kolvtool::Switch *p = verb.pSwitches; p && p->szName; ++p)
+        str += std::string(" [--") + p->szName + (p->szValue ? std::string(" ") + p->szValue : "") + "]";
+    return str;
+}
+
 void PrintUsage(FILE *pOut) {
-    fprintf(pOut, "usage: kolvvessa [--pretty] VERB [--SWITCH] [JSON]\n"
+    fprintf(pOut, "usage: kolvvessa [--pretty] VERB [--SWITCH [VALUE]]... [JSON]\n"
                   "       kolvvessa VERB --help\n"
                   "       kolvvessa --version\n\n"
                   "The request is a JSON object, given as the argument or on standard input.\n"
                   "\"requester\" is the acting uid (0: the system). The result is printed as JSON\n"
-                  "on one line; --pretty indents it. Verbs:\n\n");
-    for (const kolvtool::Verb &verb : kolvtool::Verbs())
+                  "on one line; --pretty indents it. Verbs (and their switches):\n\n");
+    for (const kolvtool::Verb &verb : kolvtool::Verbs()) {
         fprintf(pOut, "  %-16s %s\n", verb.szName, verb.szSummary);
-    fprintf(pOut,
-            "\n%s\n\nThe appliance paths (settings, platform config, repository volume) are taken\n"
-            "below $KOLV_SYSROOT when it is set.\n",
-            szCheckUsage);
-}
-
-void PrintVerbHelp(const kolvtool::Verb &verb) {
-    std::string strSwitch = verb.szSwitch ? std::string(" --") + verb.szSwitch : std::string();
-    printf("kolvvessa %s - %s\n\n%s\n\nExample:\n  kolvvessa %s%s '%s'\n", verb.szName, verb.szSummary, verb.szHelp,
-           verb.szName, strSwitch.c_str(), verb.szExample);
-    if (IsCheck(verb)) printf("\n%s\n", szCheckUsage);
-}
-
-// The check's switches, before the request: --repair, --no-blobs, and
-// --ns, --id, --safe-age with a value.
-bool ReadCheckSwitches(int &argi, int argc, char **argv, Json::Value &jSwitches) {
-    jSwitches = Json::Value(Json::objectValue);
-    for (; argi < argc && 0 == strncmp(argv[argi], "--", 2); ++argi) {
-        const char *szName = argv[argi] + 2;
-        if (!strcmp(szName, "repair")) {
-            jSwitches["repair"] = true;
-        } else if (!strcmp(szName, "no-blobs")) {
-            jSwitches["blobs"] = false;
-        } else if ((!strcmp(szName, "ns") || !strcmp(szName, "id") || !strcmp(szName, "safe-age")) && argi + 1 < argc) {
-            const char *szValue = argv[++argi];
-            if (strcmp(szName, "safe-age")) {
-                jSwitches[szName] = szValue;
-                continue;
-            }
-            char *pEnd = NULL;
-            long long age = strtoll(szValue, &pEnd, 10);
-            if (!*szValue || *pEnd || age < 0) {
-                fprintf(stderr, "kolvvessa: --safe-age takes a number of seconds, not \"%s\"\n", szValue);
-                return false;
-            }
-            jSwitches["safe_age"] = (Json::Int64)age;
-        } else {
-            fprintf(stderr, "kolvvessa: check takes no switch \"%s\"%s\n", argv[argi],
-                    argi + 1 < argc ? "" : " (or it lacks its value)");
-            return false;
-        }
+        std::string strSwitches = SwitchUsage(verb);
+        if (!strSwitches.empty()) fprintf(pOut, "  %-16s%s\n", "", strSwitches.c_str());
     }
+    fprintf(pOut, "\nThe appliance paths (settings, platform config, repository volume) are taken\n"
+                  "below $KOLV_SYSROOT when it is set.\n");
+}
+
+// The example shows the verb's first switch when it is a plain one.
+void PrintVerbHelp(const kolvtool::Verb &verb) {
+    const kolvtool::Switch *pFirst = verb.pSwitches;
+    std::string strExample = pFirst && pFirst->szName && kolvtool::Switch::kTrue == pFirst->kind
+                                 ? std::string(" --") + pFirst->szName
+                                 : std::string();
+    printf("kolvvessa %s%s - %s\n\n%s\n\nExample:\n  kolvvessa %s%s '%s'\n", verb.szName, SwitchUsage(verb).c_str(),
+           verb.szSummary, verb.szHelp, verb.szName, strExample.c_str(), verb.szExample);
+}
+
+const kolvtool::Switch *FindSwitch(const kolvtool::Verb &verb, const char *szName) {
+    for (const kolvtool::Switch *p = verb.pSwitches; p && p->szName; ++p) {
+        if (!strcmp(p->szName, szName)) return p;
+    }
+    return NULL;
+}
+
+// One switch's member of the request, its value (if it takes one) read
+// from the next argument; false with the reason on standard error.
+bool ReadSwitch(const kolvtool::Verb &verb, const kolvtool::Switch &sw, int &argi, int argc, char **argv,
+                Json::Value &jSwitches) {
+    if (kolvtool::Switch::kTrue == sw.kind || kolvtool::Switch::kFalse == sw.kind) {
+        jSwitches[sw.szKey] = kolvtool::Switch::kTrue == sw.kind;
+        return true;
+    }
+    if (argi + 1 >= argc) {
+        fprintf(stderr, "kolvvessa: %s: --%s without its value\n", verb.szName, sw.szName);
+        return false;
+    }
+    const char *szValue = argv[++argi];
+    if (kolvtool::Switch::kText == sw.kind) {
+        jSwitches[sw.szKey] = szValue;
+        return true;
+    }
+    char *pEnd = NULL;
+    long long seconds = strtoll(szValue, &pEnd, 10);
+    if (!*szValue || *pEnd || seconds < 0) {
+        fprintf(stderr, "kolvvessa: --%s takes a number of seconds, not \"%s\"\n", sw.szName, szValue);
+        return false;
+    }
+    jSwitches[sw.szKey] = (Json::Int64)seconds;
     return true;
 }
 
-// Switches with a value: "--NAME VALUE" sets "NAME": "VALUE" in the
-// request of that verb.
-bool TakesValue(const kolvtool::Verb &verb, const char *szName) {
-    return !strcmp(verb.szName, "list") && !strcmp(szName, "search");
-}
-
-// The verb's switches, when given, come before the request: "--NAME" sets
-// "NAME": true (once), a switch with a value its value. Anything else
-// starting with "--" is a usage error.
-bool ReadSwitch(const kolvtool::Verb &verb, int &argi, int argc, char **argv, bool &blSwitch, Json::Value &jSwitches) {
-    blSwitch = false;
-    for (; argi < argc && strncmp(argv[argi], "--", 2) == 0; ++argi) {
-        const char *szName = argv[argi] + 2;
-        if (TakesValue(verb, szName) && argi + 1 < argc) {
-            jSwitches[szName] = argv[++argi];
-            continue;
-        }
-        if (blSwitch || !verb.szSwitch || strcmp(szName, verb.szSwitch) != 0) {
-            fprintf(stderr, "kolvvessa: %s takes no switch \"%s\"%s\n", verb.szName, argv[argi],
-                    TakesValue(verb, szName) ? " without its value" : "");
+// The verb's switches come before the request. Anything else starting
+// with "--" is a usage error.
+bool ReadSwitches(const kolvtool::Verb &verb, int &argi, int argc, char **argv, Json::Value &jSwitches) {
+    for (; argi < argc && 0 == strncmp(argv[argi], "--", 2); ++argi) {
+        const kolvtool::Switch *pSwitch = FindSwitch(verb, argv[argi] + 2);
+        if (!pSwitch) {
+            fprintf(stderr, "kolvvessa: %s takes no switch \"%s\"\n", verb.szName, argv[argi]);
             return false;
         }
-        blSwitch = true;
+        if (!ReadSwitch(verb, *pSwitch, argi, argc, argv, jSwitches)) return false;
     }
     return true;
 }
@@ -186,15 +178,11 @@ int main(int argc, char **argv) {
         PrintVerbHelp(*pVerb);
         return 0;
     }
-    bool blSwitch = false;
     Json::Value jSwitches(Json::objectValue);
-    if (IsCheck(*pVerb) ? !ReadCheckSwitches(argi, argc, argv, jSwitches)
-                        : !ReadSwitch(*pVerb, argi, argc, argv, blSwitch, jSwitches))
-        return 2;
+    if (!ReadSwitches(*pVerb, argi, argc, argv, jSwitches)) return 2;
     // The check's switches say it all: without a request it reads none.
     Json::Value jReq(Json::objectValue);
     if (!(IsCheck(*pVerb) && argi >= argc) && !ReadRequest(argi, argc, argv, jReq)) return 2;
-    if (blSwitch) jReq[pVerb->szSwitch] = true;
     for (const std::string &strName : jSwitches.getMemberNames())
         jReq[strName] = jSwitches[strName];
     try {

@@ -131,6 +131,13 @@ bool RunNoSharingList(const Json::Value &jReq, Json::Value &jOut) {
     return true;
 }
 
+const Switch kRecursive[] = {{"recursive", "recursive", Switch::kTrue, NULL}, {}};
+const Switch kListSwitches[] = {{"search", "search", Switch::kText, "WORDS"}, {}};
+const Switch kCheckSwitches[] = {
+    {"repair", "repair", Switch::kTrue, NULL},   {"ns", "ns", Switch::kText, "NS"},
+    {"id", "id", Switch::kText, "ID"},           {"safe-age", "safe_age", Switch::kSeconds, "SECONDS"},
+    {"no-blobs", "blobs", Switch::kFalse, NULL}, {}};
+
 const std::vector<Verb> gVerbs = {
     {"create", "create an object",
      "Keys: \"ns\", \"category\", \"requester\" (required); \"owner\" (for requester 0), \"parent_id\",\n"
@@ -159,7 +166,7 @@ const std::vector<Verb> gVerbs = {
      "\"after\" (the \"next\" of the page before), \"search\" (words that string values of text or meta\n"
      "text must hold, each as a word or a word's start; also --search WORDS), \"order\": \"rank\" (best\n"
      "matches first; paged by offset only).",
-     "{\"ns\":\"note\",\"requester\":1102,\"field\":{\"text\":true}}", RunList, NULL, true},
+     "{\"ns\":\"note\",\"requester\":1102,\"field\":{\"text\":true}}", RunList, kListSwitches, true},
     {"versions", "a page of an object's versions, newest first, with the totals",
      "Keys: \"ns\", \"id\", \"requester\"; \"offset\", \"limit\" (default: all), \"sort_direction\"\n"
      "(\"ASC\": oldest first). Prints the records with \"total\" (every version) and \"listable_total\"\n"
@@ -184,7 +191,7 @@ const std::vector<Verb> gVerbs = {
      "Keys: \"ns\", \"id\", \"requester\"; \"recursive\" (true: also every object below it, found by\n"
      "\"parent_id\" in the index; a child that fails is logged and the others are still deleted).\n"
      "The switch --recursive sets \"recursive\": true. Deleting a missing object succeeds.",
-     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunDelete, "recursive", true},
+     "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101}", RunDelete, kRecursive, true},
     {"share", "change an object's ACL; with --recursive as a grant inherited from above",
      "Keys: \"ns\", \"id\", \"requester\", \"type\" (\"global\", \"public\", \"user\" or \"group\"), \"op\"\n"
      "(\"set\" or \"delete\"); \"enabled\" (a bool, \"global\"/\"set\"), \"perm\" (\"ro\" or \"rw\"), \"uid\" or\n"
@@ -194,7 +201,7 @@ const std::vector<Verb> gVerbs = {
      "owner, requester 0 and a user with \"rw\" may share. Prints the object afterwards.",
      "{\"ns\":\"note\",\"id\":\"1101_...\",\"requester\":1101,\"type\":\"user\",\"op\":\"set\",\"uid\":\"bob\","
      "\"perm\":\"ro\"}",
-     RunShare, "recursive", true},
+     RunShare, kRecursive, true},
     {"batch-set", "change many objects of one namespace alike",
      "Keys: \"ns\", \"requester\", \"id\" (an array; when absent, one id per line on standard input),\n"
      "and the keys of \"set\" (\"reset_parent_id\": true moves the objects to their owner's root).\n"
@@ -206,12 +213,12 @@ const std::vector<Verb> gVerbs = {
      "Keys: \"ns\", \"requester\", \"id\" (an array; when absent, one id per line on standard input),\n"
      "\"recursive\" (the objects below too; without it they move to their owner's root).\n"
      "Prints {\"result\": {id: true|false}, \"done\", \"failed\"}.",
-     "{\"ns\":\"note\",\"requester\":1101,\"id\":[\"1101_...\",\"1101_...\"]}", RunBatchDelete, "recursive", true},
+     "{\"ns\":\"note\",\"requester\":1101,\"id\":[\"1101_...\",\"1101_...\"]}", RunBatchDelete, kRecursive, true},
     {"batch-share", "change the ACL of many objects of one namespace alike",
      "Keys: \"ns\", \"requester\", \"id\" (an array; when absent, one id per line on standard input),\n"
      "and the keys of \"share\". Prints {\"result\": {id: true|false}, \"done\", \"failed\"}.",
      "{\"ns\":\"note\",\"requester\":1101,\"type\":\"public\",\"op\":\"set\",\"perm\":\"ro\"}", RunBatchShare,
-     "recursive", true},
+     kRecursive, true},
     {"cleanup-user", "delete every object of one user, in every namespace",
      "Keys: \"uid\" (a number or a user name; not 0). Objects that cannot be deleted are left. A\n"
      "user who no longer exists is cleaned up by cleanup-orphans.",
@@ -222,8 +229,14 @@ const std::vector<Verb> gVerbs = {
     {"reindex", "rebuild the index from the repository", "Keys: \"ns\" (optional: only that namespace).",
      "{\"ns\":\"note\"}", RunReindex, NULL, false},
     {"check", "check the repository and the index, and mend what can be mended",
-     "Keys: \"ns\", \"id\" (optional: one namespace, one object), \"repair\".", "{\"ns\":\"note\"}", RunCheck, "repair",
-     false},
+     "Checks the repository and the index: rows missing, orphaned or drifted, objects a reindex\n"
+     "skips, broken histories, JSON files that do not parse, leftovers of interrupted writes, links\n"
+     "where the store keeps its own files. --repair re-indexes, deletes orphaned rows and removes\n"
+     "leftovers older than the safe age (3600 s); it never changes an object's content, history or\n"
+     "meta files. Keys (or the switches): \"ns\", \"id\" (one namespace, one object), \"repair\",\n"
+     "\"safe_age\", \"blobs\" (false: only ask whether each blob is there). The report is JSON on\n"
+     "standard output; exit status 0 when clean, 1 when findings remain, 2 when the check cannot run.",
+     "{\"ns\":\"note\"}", RunCheck, kCheckSwitches, false},
     {"access-get", "whether the store (no \"ns\") or a namespace is switched on",
      "Keys: \"ns\" (optional). Prints {\"enabled\": bool} and, when off, the reason.", "{\"ns\":\"note\"}",
      RunAccessGet, NULL, false},

@@ -14,15 +14,30 @@ namespace kolvtool {
  * with the reason on the library's error stack. */
 typedef bool (*VerbFn)(const Json::Value &jReq, Json::Value &jOut);
 
+/* A switch a verb takes on the command line, before its request. */
+struct Switch {
+    enum Kind {
+        kTrue,    /* "--NAME" sets KEY: true */
+        kFalse,   /* "--NAME" sets KEY: false */
+        kText,    /* "--NAME VALUE" sets KEY: "VALUE" */
+        kSeconds, /* "--NAME VALUE" sets KEY to VALUE, a number of seconds */
+    };
+    const char *szName;
+    const char *szKey;
+    Kind kind;
+    /* What the value is called in the usage ("NS"); NULL for kTrue and
+     * kFalse. */
+    const char *szValue;
+};
+
 struct Verb {
     const char *szName;
     const char *szSummary;
     const char *szHelp;
     const char *szExample;
     VerbFn pfnRun;
-    /* A switch "--NAME" the verb takes on the command line, which sets
-     * "NAME": true in the request; NULL for none. */
-    const char *szSwitch;
+    /* Its switches, ended by one without a name; NULL for none. */
+    const Switch *pSwitches;
     /* Whether the web API serves it: not the administrator's verbs. */
     bool blWeb;
 };
