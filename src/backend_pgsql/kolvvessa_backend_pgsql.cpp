@@ -13,21 +13,35 @@ KOLVVESSA_BACKEND_PGSQL::KOLVVESSA_BACKEND_PGSQL() : m_conn(NULL) {}
 // The connection is the process's own; the backend never closes it.
 KOLVVESSA_BACKEND_PGSQL::~KOLVVESSA_BACKEND_PGSQL() {}
 
-bool KOLVVESSA_BACKEND_PGSQL::Get(const Json::Value &, KOLV_VESSA_OBJECT *) { return true; }
+bool KOLVVESSA_BACKEND_PGSQL::Get(const Json::Value &, KOLV_VESSA_OBJECT *) {
+    return true;
+}
 
-bool KOLVVESSA_BACKEND_PGSQL::Download(const Json::Value &) { return true; }
+bool KOLVVESSA_BACKEND_PGSQL::Download(const Json::Value &) {
+    return true;
+}
 
-bool KOLVVESSA_BACKEND_PGSQL::Set(const Json::Value &, std::string &) { return true; }
+bool KOLVVESSA_BACKEND_PGSQL::Set(const Json::Value &, std::string &) {
+    return true;
+}
 
-bool KOLVVESSA_BACKEND_PGSQL::FieldRename(const Json::Value &, std::string &) { return true; }
+bool KOLVVESSA_BACKEND_PGSQL::FieldRename(const Json::Value &, std::string &) {
+    return true;
+}
 
-bool KOLVVESSA_BACKEND_PGSQL::VersionGet(const Json::Value &, KOLV_VESSA_OBJECT_VERSION *) { return true; }
+bool KOLVVESSA_BACKEND_PGSQL::VersionGet(const Json::Value &, KOLV_VESSA_OBJECT_VERSION *) {
+    return true;
+}
 
-bool KOLVVESSA_BACKEND_PGSQL::VersionDiff(const Json::Value &, Json::Value &) { return true; }
+bool KOLVVESSA_BACKEND_PGSQL::VersionDiff(const Json::Value &, Json::Value &) {
+    return true;
+}
 
 int KOLVVESSA_BACKEND_PGSQL::VersionList(const Json::Value &, KOLV_VESSA_OBJECT_VERSION **, unsigned int &,
                                          unsigned int &) {
     return 0;
 }
 
-KOLVVESSA_BACKEND_OP *CreatePgsqlBackend(void) { return new KOLVVESSA_BACKEND_PGSQL(); }
+KOLVVESSA_BACKEND_OP *CreatePgsqlBackend(void) {
+    return new KOLVVESSA_BACKEND_PGSQL();
+}

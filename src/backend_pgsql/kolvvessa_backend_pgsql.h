@@ -46,4 +46,15 @@ class KOLVVESSA_BACKEND_PGSQL : public KOLVVESSA_BACKEND_OP {
     std::string m_strOrder;
 };
 
+namespace kolv {
+
+/* A listing's "search": adds to strCondition the test that a row's words
+ * hold every word of it as a prefix, and, with "order": "rank", sets the
+ * backend's order to the best matches first. False with 1007 for a
+ * malformed "search", "order" or an "after" with rank; 1014 or 1000 when
+ * the words cannot be split. */
+bool AddSearch(KOLVVESSA_BACKEND_PGSQL *pBackend, const Json::Value &jParm, std::string &strCondition);
+
+} // namespace kolv
+
 #endif /* KOLVVESSA_BACKEND_PGSQL_H */
