@@ -93,7 +93,7 @@ Refusal WebRequester(const char *szRemoteUser, unsigned &requester) {
     if (0 == requester) {
         r.status = 403;
         r.code = 1023;
-        r.strMsg = "the system user cannot download over the web";
+        r.strMsg = "the system user cannot act over the web";
     }
     return r;
 }

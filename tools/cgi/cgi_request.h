@@ -1,7 +1,7 @@
 /*
- * cgi_request.h - the download request as the web server hands it over:
- * the query string's members, the authenticated login and the request
- * headers, turned into the library's string hash.
+ * cgi_request.h - a request as the web server hands it over: the
+ * authenticated login (for the download program and the web API), and the
+ * download's query string.
  */
 #ifndef KOLV_CGI_REQUEST_H
 #define KOLV_CGI_REQUEST_H
