@@ -56,6 +56,8 @@ TEST_F(ApiTest, TwoUsersShareReadVersionAndDeleteThroughTheApi) {
     Json::Value jList = Body(Post("list", R"({"ns":"note","field":{"text":true}})", "bob:pb"));
     ASSERT_EQ(1, jList["count"].asInt()) << jList;
     EXPECT_EQ("Trip", jList["objects"][0]["text"]["title"].asString());
+    // The answer is the tool's, and nothing more.
+    EXPECT_EQ((std::vector<std::string>{"count", "objects", "total"}), jList.getMemberNames()) << jList;
 
     // A new version, its history and difference as bob sees them.
     r = Post("set", R"({"ns":"note","id":")" + strId + R"(","version":")" + strFirst +

@@ -68,7 +68,9 @@ bool HasFiles(const Json::Value &j, const char *szMember) {
 }
 
 void LinkRecord(const std::string &strBase, Json::Value &jRecord) {
-    if (!jRecord["ns"].isString() || !jRecord["id"].isString()) return;
+    // Looked at through a const view: asking must not add the members.
+    const Json::Value &jSeen = jRecord;
+    if (!jSeen["ns"].isString() || !jSeen["id"].isString()) return;
     for (const char *szSegment : {"binary", "metabinary"}) {
         if (HasFiles(jRecord, (std::string(szSegment) + "_info").c_str()))
             jRecord["download"][szSegment] = SegmentLinks(strBase, jRecord, szSegment);
