@@ -79,7 +79,7 @@ bool ReadParameters(const Json::Value &jParm, Run &run) {
  * where an object folder would as unexpected. */
 void ListNamespace(Run &run, Namespace &ns) {
     std::vector<Entry> entries;
-    if (!ListAt(ns.fdNs.get(), entries)) return;
+    if (!kolv::fs::ListDirAt(ns.fdNs.get(), entries)) return;
     for (const Entry &entry : entries) {
         const std::string &strName = entry.strName;
         const std::string strRel = ns.strNs + "/" + strName;
@@ -113,7 +113,7 @@ void ListNamespaces(Run &run, std::vector<std::unique_ptr<Namespace>> &namespace
     }
     Fd fdRoot(fs::OpenDir(run.strRepo));
     std::vector<Entry> entries;
-    if (0 > fdRoot.get() || !ListAt(fdRoot.get(), entries)) return;
+    if (0 > fdRoot.get() || !kolv::fs::ListDirAt(fdRoot.get(), entries)) return;
     for (const Entry &entry : entries) {
         // The store's own folders ("@tmp") stand beside the namespaces.
         if (!IsNamespaceName(entry.strName)) continue;

@@ -64,7 +64,7 @@ void CheckFileFolder(Run &run, const std::string &strNs, const std::string &strI
                      const std::string &strRel) {
     Fd fdDir(OpenDirAt(fdParent, szName));
     std::vector<Entry> entries;
-    if (0 > fdDir.get() || !ListAt(fdDir.get(), entries)) return;
+    if (0 > fdDir.get() || !kolv::fs::ListDirAt(fdDir.get(), entries)) return;
     for (const Entry &entry : entries) {
         std::string strPath = strRel + "/" + entry.strName;
         if (IsTemporaryName(entry.strName)) {
@@ -80,7 +80,7 @@ void CheckVersionFolder(Run &run, const std::string &strNs, const std::string &s
                         const std::string &strRel) {
     Fd fdVer(OpenDirAt(fdObj, "version"));
     std::vector<Entry> entries;
-    if (0 > fdVer.get() || !ListAt(fdVer.get(), entries)) return;
+    if (0 > fdVer.get() || !kolv::fs::ListDirAt(fdVer.get(), entries)) return;
     for (const Entry &entry : entries) {
         const Expected *pWant = FindExpected(rgVersionEntries, entry.strName);
         std::string strPath = strRel + "/" + entry.strName;
@@ -156,7 +156,7 @@ void CheckJsonFile(Run &run, const std::string &strNs, const std::string &strId,
 void CheckObjectFiles(Run &run, const std::string &strNs, const std::string &strId, int fdObj, Json::Value &jGitInfo) {
     const std::string strRel = strNs + "/" + strId;
     std::vector<Entry> entries;
-    if (!ListAt(fdObj, entries)) return;
+    if (!kolv::fs::ListDirAt(fdObj, entries)) return;
     bool blHaveBasic = false;
     for (const Entry &entry : entries) {
         const Expected *pWant = FindExpected(rgObjectEntries, entry.strName);

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "common/kolvvessa_safe_fs.h"
 #include "kolvvessa/kolvvessa_check.h"
 
 namespace kolv {
@@ -30,12 +31,9 @@ class IndexRowReader;
 
 namespace check {
 
-/* One entry of a folder: its type (st_mode) as the listing gives it; the
- * other members are filled only where a step needs them. */
-struct Entry {
-    std::string strName;
-    struct stat st;
-};
+/* One entry of a folder, as the safe file layer lists it. */
+using Entry = kolv::fs::DirEntry;
+using kolv::fs::OpenDirAt;
 
 /* The stored columns of one row, as text. */
 typedef std::map<std::string, std::string> StoredRow;
@@ -69,14 +67,8 @@ struct Run {
 /* Marks a finding repaired with what was done, or not with the reason. */
 void Mended(Json::Value &jFinding, bool blDone, const std::string &strWhat);
 
-/* ---- check_walk.cpp: folders from descriptors -------------------------- */
+/* ---- check_walk.cpp --------------------------------------------------- */
 
-/* The entries of the folder open at fdDir ("." and ".." left out), each
- * with its lstat. false with errno. */
-bool ListAt(int fdDir, std::vector<Entry> &entries);
-/* Opens the folder szName below fdDir, never through a link. -1 with
- * errno. */
-int OpenDirAt(int fdDir, const char *szName);
 /* What a non-folder, non-file entry is, in a word ("a link", "a FIFO"). */
 const char *EntryWord(const struct stat &st);
 

@@ -37,7 +37,7 @@ void ScanFolder(Run &run, const std::string &strNs, const std::string &strId, in
                 const std::string &strRel, bool (*pfnIs)(const std::string &), const char *szWhat) {
     Fd fdDir(OpenDirAt(fdParent, szName));
     std::vector<Entry> entries;
-    if (0 > fdDir.get() || !ListAt(fdDir.get(), entries)) return;
+    if (0 > fdDir.get() || !kolv::fs::ListDirAt(fdDir.get(), entries)) return;
     for (const Entry &entry : entries) {
         if (pfnIs(entry.strName)) Leftover(run, strNs, strId, fdDir.get(), entry, strRel + "/" + entry.strName, szWhat);
     }
@@ -73,7 +73,7 @@ void Leftover(Run &run, const std::string &strNs, const std::string &strId, int 
 void CheckScratch(Run &run, const std::set<std::string> &ids) {
     Fd fdTmp(fs::OpenDir(run.strRepo + "/@tmp"));
     std::vector<Entry> entries;
-    if (0 > fdTmp.get() || !ListAt(fdTmp.get(), entries)) return;
+    if (0 > fdTmp.get() || !kolv::fs::ListDirAt(fdTmp.get(), entries)) return;
     bool blAll = run.strNs.empty() && run.strId.empty();
     for (const Entry &entry : entries) {
         // "ID.PID.RANDOM": the object's id comes first.
@@ -86,7 +86,7 @@ void CheckScratch(Run &run, const std::set<std::string> &ids) {
 void CheckGitLeftovers(Run &run, const std::string &strNs, const std::string &strId, int fdGit,
                        const std::string &strRel) {
     std::vector<Entry> entries;
-    if (!ListAt(fdGit, entries)) return;
+    if (!kolv::fs::ListDirAt(fdGit, entries)) return;
     for (const Entry &entry : entries) {
         // "index.lock" is the write lock's file and stays for good.
         if (IsRefLock(entry.strName) && "index.lock" != entry.strName) {
@@ -98,7 +98,7 @@ void CheckGitLeftovers(Run &run, const std::string &strNs, const std::string &st
         ScanFolder(run, strNs, strId, fdRefs.get(), "heads", strRel + "/refs/heads", IsRefLock,
                    "a partial git lock file");
     Fd fdObjects(OpenDirAt(fdGit, "objects"));
-    if (0 > fdObjects.get() || !ListAt(fdObjects.get(), entries)) return;
+    if (0 > fdObjects.get() || !kolv::fs::ListDirAt(fdObjects.get(), entries)) return;
     // libgit2 writes an object to a temporary file in "objects" itself
     // and renames it into its fan-out folder when whole.
     for (const Entry &entry : entries) {

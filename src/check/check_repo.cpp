@@ -28,7 +28,6 @@ namespace {
 const char szCannotHistory[] = "none: the history is never rewritten; restore the object's repository from a backup";
 const char szCannotGitInfo[] = "none: git_info.json is the object's own count and is never rewritten";
 
-
 std::string Hex(const git_oid *pOid) {
     char sz[GIT_OID_HEXSZ + 1];
     git_oid_tostr(sz, sizeof(sz), pOid);

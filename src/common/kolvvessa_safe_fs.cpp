@@ -352,6 +352,59 @@ bool ListDir(const std::string &strPath, std::vector<std::string> &names) {
     return 0 == errno;
 }
 
+// A listing's entry type as a file mode; 0 when the listing gives none.
+static mode_t TypeOf(unsigned char type) {
+    switch (type) {
+    case DT_DIR:
+        return S_IFDIR;
+    case DT_REG:
+        return S_IFREG;
+    case DT_LNK:
+        return S_IFLNK;
+    case DT_FIFO:
+        return S_IFIFO;
+    case DT_SOCK:
+        return S_IFSOCK;
+    case DT_CHR:
+        return S_IFCHR;
+    case DT_BLK:
+        return S_IFBLK;
+    default:
+        return 0;
+    }
+}
+
+int OpenDirAt(int fdDir, const char *szName) {
+    return openat(fdDir, szName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+bool ListDirAt(int fdDir, std::vector<DirEntry> &entries) {
+    entries.clear();
+    int fdList = dup(fdDir);
+    if (0 > fdList) return false;
+    DIR *pRaw = fdopendir(fdList);
+    if (NULL == pRaw) {
+        close(fdList);
+        return false;
+    }
+    Dir pDir(pRaw);
+    // The copy shares its offset with fdDir: start from the beginning.
+    rewinddir(pDir.get());
+    while (struct dirent *pEnt = readdir(pDir.get())) {
+        if (0 == strcmp(pEnt->d_name, ".") || 0 == strcmp(pEnt->d_name, "..")) continue;
+        DirEntry entry;
+        entry.strName = pEnt->d_name;
+        memset(&entry.st, 0, sizeof(entry.st));
+        // The type from the listing spares a stat of every entry; the
+        // times are read only for what may be a leftover.
+        entry.st.st_mode = TypeOf(pEnt->d_type);
+        // An entry gone since the listing (a writer finishing) is no finding.
+        if (0 == entry.st.st_mode && 0 != fstatat(fdDir, pEnt->d_name, &entry.st, AT_SYMLINK_NOFOLLOW)) continue;
+        entries.push_back(entry);
+    }
+    return true;
+}
+
 std::string MakeTempDir(const std::string &strParent, const std::string &strPrefix) {
     DirSpec root = {0755, (uid_t)-1, (gid_t)-1};
     Fd fdParent(MakeDirs(strParent, root));

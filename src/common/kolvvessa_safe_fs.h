@@ -104,6 +104,21 @@ bool Exists(const std::string &strPath);
 /* The names in a folder, "." and ".." left out. false with errno. */
 bool ListDir(const std::string &strPath, std::vector<std::string> &names);
 
+/* One entry of a folder: its type (st_mode) as the listing gives it; the
+ * other members of st are filled only where the listing gives no type. */
+struct DirEntry {
+    std::string strName;
+    struct stat st;
+};
+
+/* Opens the folder szName below fdDir, never through a link. -1 with
+ * errno. */
+int OpenDirAt(int fdDir, const char *szName);
+/* The entries of the folder open at fdDir, from its start ("." and ".."
+ * left out; an entry gone since the listing is left out too). false with
+ * errno. */
+bool ListDirAt(int fdDir, std::vector<DirEntry> &entries);
+
 /* A new, empty folder below strParent (created root's, 0755, when
  * missing) named strPrefix + random characters, mode 0700, owned by the
  * caller. Its path, "" with errno on failure. */

@@ -28,9 +28,6 @@
 
 namespace {
 
-/* The settings file exists but cannot be read or parsed. */
-const int KOLV_ERR_SETTINGS_UNREADABLE = 1026;
-
 /* A folder of the version's tree: decoded file name -> content. */
 using Folder = std::map<std::string, std::string>;
 
@@ -151,7 +148,7 @@ bool IndexRowReader::Impl::NamespaceOpen(const std::string &strNs) {
     bool blOpen = !KOLV_APPEND_IF(FALSE == KOLVVessaAccessCheck(strNs.c_str()));
     // Settings that cannot be read now say nothing about the namespace:
     // the next object asks again.
-    if (blOpen || KOLV_ERR_SETTINGS_UNREADABLE != KOLVVessaErrCodeGet()) nsOpen.emplace(strNs, blOpen);
+    if (blOpen || kolv::kErrSettingsUnreadable != KOLVVessaErrCodeGet()) nsOpen.emplace(strNs, blOpen);
     return blOpen;
 }
 

@@ -13,6 +13,11 @@
 
 namespace kolv {
 
+/* The code of a settings file that exists but cannot be read or parsed:
+ * such settings say nothing about a namespace, so a reader asks again and
+ * a reindex stops before anything is deleted. */
+const int kErrSettingsUnreadable = 1026;
+
 /* One reader per run over a repository: the settings file and the field
  * table are read once, when it is made. Not shared between threads. */
 class IndexRowReader {

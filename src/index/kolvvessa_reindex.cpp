@@ -32,9 +32,6 @@ const char szSQLReindexPrefix[] =
 
 const size_t kChunkRows = 1000;
 
-/* The settings file exists but cannot be read or parsed. */
-const int KOLV_ERR_SETTINGS_UNREADABLE = 1026;
-
 /* One object folder: namespace and id. */
 using Entry = std::pair<std::string, std::string>;
 
@@ -138,7 +135,7 @@ bool Rebuild(KOLVDB *pConn, const Json::Value &jParam, const std::string &strRep
  * whose objects would all be left out: the run stops first. */
 bool SettingsReadable(const std::string &strNs) {
     if (FALSE != KOLVVessaAccessCheck(strNs.c_str())) return true;
-    if (KOLV_APPEND_IF(KOLV_ERR_SETTINGS_UNREADABLE == KOLVVessaErrCodeGet())) return false;
+    if (KOLV_APPEND_IF(kolv::kErrSettingsUnreadable == KOLVVessaErrCodeGet())) return false;
     return true;
 }
 
