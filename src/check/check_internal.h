@@ -67,7 +67,7 @@ struct Run {
 /* Marks a finding repaired with what was done, or not with the reason. */
 void Mended(Json::Value &jFinding, bool blDone, const std::string &strWhat);
 
-/* ---- check_walk.cpp --------------------------------------------------- */
+/* ---- check_entry_word.cpp --------------------------------------------------- */
 
 /* What a non-folder, non-file entry is, in a word ("a link", "a FIFO"). */
 const char *EntryWord(const struct stat &st);

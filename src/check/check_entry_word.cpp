@@ -1,5 +1,5 @@
 /*
- * check_walk.cpp - what the check says of an entry it did not expect.
+ * check_entry_word.cpp - what the check says of an entry it did not expect.
  */
 #include <sys/stat.h>
 
